@@ -1,0 +1,114 @@
+#include "fonts/font_catalogue.h"
+
+#include <cstdio>
+#include <cstring>
+#include <fontconfig/fontconfig.h>
+#include <memory>
+
+#include "fonts/font_globals.h"
+#include "platform/fixed_paths.h"
+
+namespace {
+struct fc_config_deleter {
+    void operator()(FcConfig* c) const { FcConfigDestroy(c); }
+};
+struct fc_pattern_deleter {
+    void operator()(FcPattern* p) const { FcPatternDestroy(p); }
+};
+struct fc_object_set_deleter {
+    void operator()(FcObjectSet* o) const { FcObjectSetDestroy(o); }
+};
+struct fc_font_set_deleter {
+    void operator()(FcFontSet* s) const { FcFontSetDestroy(s); }
+};
+
+const char* first_string(FcPattern* font, const char* object)
+{
+    FcChar8* value = nullptr;
+    if (FcPatternGetString(font, object, 0, &value) != FcResultMatch)
+        return nullptr;
+    return reinterpret_cast<const char*>(value);
+}
+} // namespace
+
+void clear_font_catalogue()
+{
+    for (auto& [family, styles] : font_catalogue)
+        for (auto& [style, entry] : styles)
+            if (entry.face != nullptr) {
+                FT_Done_Face(entry.face);
+                entry.face = nullptr;
+            }
+    font_catalogue.clear();
+}
+
+void build_font_catalogue()
+{
+    clear_font_catalogue();
+    if (FcInit() != FcTrue)
+        return;
+    std::unique_ptr<FcConfig, fc_config_deleter> config(FcInitLoadConfigAndFonts());
+    if (!config)
+        return;
+    const std::string extra_dir = t4mi_fixed_path(T4MI_EXTRA_FONT_DIR);
+    if (FcConfigAppFontAddDir(config.get(), reinterpret_cast<const FcChar8*>(extra_dir.c_str())) != FcTrue)
+        std::fprintf(stderr, "WARNING: Failed to add Tevrin font dir to config\n");
+
+    std::unique_ptr<FcPattern, fc_pattern_deleter> pattern(FcPatternCreate());
+    std::unique_ptr<FcObjectSet, fc_object_set_deleter> objects(
+        FcObjectSetBuild(FC_FAMILY, FC_STYLE, FC_FILE, static_cast<char*>(nullptr)));
+    if (!pattern || !objects)
+        return;
+    std::unique_ptr<FcFontSet, fc_font_set_deleter> fonts(FcFontList(config.get(), pattern.get(), objects.get()));
+    if (!fonts || fonts->nfont < 1)
+        return;
+
+    for (int i = 0; i < fonts->nfont; i++) {
+        const char* file = first_string(fonts->fonts[i], FC_FILE);
+        const char* style = first_string(fonts->fonts[i], FC_STYLE);
+        const char* family = first_string(fonts->fonts[i], FC_FAMILY);
+        if (file == nullptr || style == nullptr || family == nullptr || std::strchr(file, '.') == nullptr)
+            continue;
+        // A later font of the same family and style replaces the path; a face
+        // already open for the entry stays (none exists within one build).
+        font_catalogue[family][style].path = file;
+    }
+}
+
+FT_Face find_font_face(const char* family, const char* style)
+{
+    const auto fam = font_catalogue.find(family);
+    if (fam == font_catalogue.end()) {
+        std::fprintf(stderr, "WARNING: unknown font %s\n", family);
+        return nullptr;
+    }
+    auto& styles = fam->second;
+    auto entry = styles.find(style);
+    for (const char* stand_in : {"Regular", "Medium", "Roman"}) {
+        if (entry != styles.end())
+            break;
+        entry = styles.find(stand_in);
+    }
+    if (entry == styles.end()) {
+        std::fprintf(stderr, "WARNING: unknown font style %s\n", style);
+        return nullptr;
+    }
+    font_entry& font = entry->second;
+    if (font.face != nullptr)
+        return font.face;
+    std::fprintf(stderr, "Loading and initing font %s style %s\n", family, style);
+    if (FT_New_Face(ft_library, font.path.c_str(), 0, &font.face) != 0) {
+        font.face = nullptr;
+        std::fprintf(stderr, "Unable to load font %s\n", font.path.c_str());
+        return nullptr;
+    }
+    FT_Select_Charmap(font.face, FT_ENCODING_UNICODE);
+    return font.face;
+}
+
+FT_Face font_face_for_settings(const char* family, const char* style)
+{
+    if (family[0] == '\0')
+        return default_face;
+    return find_font_face(family, style);
+}

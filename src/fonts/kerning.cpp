@@ -1,0 +1,37 @@
+#include "fonts/font_catalogue.h"
+#include "fonts/font_globals.h"
+#include "frames/client_context.h"
+#include "frames/reader.h"
+#include "items/scroll_settings.h"
+
+FT_Matrix context_glyph_matrix(const scrolling_text_client_context* ctx)
+{
+    FT_Matrix m{0x10000, 0, 0, 0x10000};
+    const int64_t num = ctx->screen_aspect_num;
+    const int64_t den = ctx->screen_aspect_den;
+    if (num >= 1 && den >= 1) {
+        const double w = ctx->reader ? ctx->reader->frame_width : double(ctx->picture_width);
+        const double h = ctx->reader ? ctx->reader->frame_height : double(ctx->picture_height);
+        m.xx = FT_Fixed(65536.0 * w / (double(num) * h / double(den)));
+    }
+    return m;
+}
+
+int kerning_between(scrolling_text_client_context* ctx, int32_t left, int32_t right)
+{
+    ctx->current_face =
+        font_face_for_settings(scroll_settings.fontFamily.c_str(), scroll_settings.fontStyle.c_str());
+    if (ctx->current_face == nullptr)
+        ctx->current_face = default_face;
+    FT_Face face = ctx->current_face;
+    if (face == nullptr || !FT_HAS_KERNING(face))
+        return 0;
+    const FT_UInt a = FT_Get_Char_Index(face, FT_ULong(left));
+    const FT_UInt b = FT_Get_Char_Index(face, FT_ULong(right));
+    FT_Matrix m = context_glyph_matrix(ctx);
+    FT_Vector origin{0, 0};
+    FT_Set_Transform(face, &m, &origin);
+    FT_Vector k{0, 0};
+    FT_Get_Kerning(face, a, b, FT_KERNING_DEFAULT, &k);
+    return int(k.x >> 6);
+}

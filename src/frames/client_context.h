@@ -1,0 +1,94 @@
+// The program's client context: one per client of the control socket.
+//
+// It owns everything a client's output needs: its text runs (parsed from the
+// item text), the layout of those runs along the strip, the glyph and shadow
+// caches for its picture size, its frame reader with the frame cache, and the
+// schedule data its fields show. Each subsystem implements its members in its
+// own file:
+//   text/markup.cpp            parse_text, append_text, append_char, apply_data_packet
+//   text/schedule_fields.cpp   the field members (artist ... date-end)
+//   text/time_formats.cpp      _json_choose_time_fmt, _json_choose_date_fmt
+//   fonts/glyph_cache.cpp      load_font_bmp (and get_font_bmp)
+//   fonts/shadow.cpp           load_shadow_bmp (and get_shadow_bmp)
+//   frames/layout.cpp          recompute_text_times
+//   frames/client_context.cpp  construction, caches, reader, destruction
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <ft2build.h>
+#include FT_FREETYPE_H
+
+#include "frames/glyph_cache_key.h"
+#include "frames/placed_glyph.h"
+#include "platform/client_context.h"
+#include "platform/json11.h"
+#include "text/text_run.h"
+
+struct comm_socket_v4_packet;
+class my_AVIVideoRandomReader;
+
+class scrolling_text_client_context : public t4mi_client_context {
+public:
+    explicit scrolling_text_client_context(uint64_t id);
+    ~scrolling_text_client_context() override;
+
+    // --- text (text/markup.cpp) ---------------------------------------------
+    // Takes schedule data (JSON text in the packet's blob; null packet: null
+    // data). Marks the text for re-parsing when the data changed. Returns true
+    // when nothing changed.
+    virtual bool apply_data_packet(const comm_socket_v4_packet* packet);
+    // Rebuilds `runs` from scroll_settings.text.
+    virtual void parse_text();
+    void append_text(const char* utf8);
+    void append_char(int32_t code);
+
+    // --- layout (frames/layout.cpp) -----------------------------------------
+    void recompute_text_times();
+
+    // --- glyphs (fonts/) -----------------------------------------------------
+    // Uncached loads; use get_font_bmp / get_shadow_bmp, which cache.
+    struct font_bmp_cache_storage* load_font_bmp(uint64_t line_height, int32_t code);
+    struct font_bmp_cache_storage* load_shadow_bmp(uint64_t line_height, int32_t code);
+    // Frees every glyph and shadow record and empties both caches.
+    void clear_bitmap_caches();
+
+    // --- reader (frames/client_context.cpp) ---------------------------------
+    // Creates the frame reader at the context's picture size and timing.
+    void create_reader();
+
+    // Text state.
+    std::vector<text_run> runs;
+    text_run style;                 // the style stamped on the next character
+    json11::Json data;              // schedule data; null until a packet arrives
+    bool text_dirty = true;         // parse and lay out again
+    bool parse_pending = true;      // parse again
+    bool feed_dirty = false;        // new feed text waiting (honoured up to frame 100)
+    int64_t time_deadline = 0;      // wall µs when a time field changes; 0 none
+    int64_t date_deadline = 0;      // wall µs when a date field changes; 0 none
+
+    // Glyphs.
+    FT_Face current_face = nullptr; // set afresh by every glyph load and kerning query
+    glyph_bitmap_cache glyph_cache;
+    glyph_bitmap_cache shadow_cache;
+
+    // Layout results.
+    std::map<uint64_t, std::vector<placed_glyph>> glyph_placements; // strip x -> glyphs
+    uint64_t placement_count = 0;
+    uint64_t h_scale = 256;         // 1/256; 256 is 1:1
+    int32_t shadow_blur_radius = 0; // pixels
+    int32_t shadow_offset_x = 0;    // pixels
+    int32_t shadow_offset_y = 0;
+    uint64_t cycle_length = 0;      // strip period in pixels
+    uint64_t scroll_step = 4096;    // 1/4096 pixel per step
+    uint64_t frames_per_step = 1;
+    uint64_t layout_generation = 0;
+
+    // Client settings and the reader.
+    uint8_t timing_taken = 0;
+    int32_t frame_aspect[2] = {0, 0};
+    my_AVIVideoRandomReader* reader = nullptr;
+};

@@ -1,0 +1,18 @@
+// The process frame's globals: the signal counter, the item-file watch and
+// the serve loop's wall-clock check.
+#pragma once
+
+#include <csignal>
+#include <cstdint>
+
+// Signals received. The serve loop leaves when it is non-zero; the twentieth
+// signal aborts the process outright.
+extern volatile std::sig_atomic_t DIE4;
+
+// Item-file watch.
+extern uint64_t watch_next_check;   // monotonic µs of the next disk check
+extern int watch_force;             // set by "reload"
+extern int32_t watch_confirmations; // consecutive checks that saw the change unused
+
+// Monotonic µs of the serve loop's next wall-clock check.
+extern uint64_t wall_check_at;

@@ -1,0 +1,91 @@
+// Client contexts: one per connection of the control socket.
+//
+// The registry `t4mi_client_contexts` makes contexts through the factory the
+// program installs, keeps them by id in creation order, and makes frame
+// references through the second factory. The serving side (socket, frame
+// requests) drives them; the program's context class derives from
+// t4mi_client_context and overrides the virtual operations.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+
+// The picture settings a client sends (see docs/platform.md, "settings").
+struct t4mi_client_settings {
+    int64_t time_scale = 0;       // ticks per second; 0: not given
+    int64_t frame_duration = 0;   // ticks per frame; 0: not given
+    int32_t field_rate = 0;       // > 0: interlaced, the time scale counts fields
+    int32_t width = 0;            // picture width in pixels; 0: not given
+    int32_t height = 0;           // picture height in pixels; 0: not given
+    int64_t aspect_num = 0;       // screen aspect; both > 0 when given
+    int64_t aspect_den = 0;
+};
+
+class t4mi_client_context {
+public:
+    explicit t4mi_client_context(uint64_t id);
+    virtual ~t4mi_client_context();
+    t4mi_client_context(const t4mi_client_context&) = delete;
+    t4mi_client_context& operator=(const t4mi_client_context&) = delete;
+
+    // Takes over a client's picture settings.
+    virtual void apply_client_settings(const t4mi_client_settings& settings);
+
+    // Frame requests queued but not answered yet, and frame references the
+    // client still holds: the serve loop counts them to tell busy from idle.
+    virtual size_t pending_request_count() const { return 0; }
+    virtual size_t outstanding_reference_count() const { return 0; }
+
+    // Releases every frame reference the client holds.
+    virtual void expire_all_references() {}
+
+    uint64_t id;
+    uint32_t picture_width = 640;
+    uint32_t picture_height = 480;
+    int64_t time_scale = 30000;
+    int64_t frame_duration = 1001;
+    int64_t screen_aspect_num = 0;
+    int64_t screen_aspect_den = 0;
+    uint64_t item_length = 0;     // frames of one pass of the item
+    int state_configured = 0;     // 1 once the client's settings were applied
+    int state_pending = 1;        // 0 once configured
+    bool closing = false;
+};
+
+class t4mi_video_frame_reference;
+
+class t4mi_client_context_registry {
+public:
+    using context_factory = std::function<t4mi_client_context*(uint64_t id)>;
+    using reference_factory =
+        std::function<t4mi_video_frame_reference*(uint64_t context_id, uint64_t frame_number, uint32_t variant)>;
+
+    void set_context_factory(context_factory f) { make_context = std::move(f); }
+    void set_reference_factory(reference_factory f) { make_reference = std::move(f); }
+    bool has_context_factory() const { return bool(make_context); }
+    bool has_reference_factory() const { return bool(make_reference); }
+
+    // Makes a context with the next id through the factory; null without one.
+    t4mi_client_context* create();
+    t4mi_client_context* get(uint64_t id) const;
+    void destroy(uint64_t id);
+    void destroy_all();
+    size_t count() const { return contexts.size(); }
+
+    // Ordered by id, i.e. by creation.
+    const std::map<uint64_t, std::unique_ptr<t4mi_client_context>>& all() const { return contexts; }
+
+    t4mi_video_frame_reference* create_reference(uint64_t context_id, uint64_t frame_number, uint32_t variant) const;
+
+private:
+    context_factory make_context;
+    reference_factory make_reference;
+    std::map<uint64_t, std::unique_ptr<t4mi_client_context>> contexts;
+    uint64_t next_id = 1;
+};
+
+// Closes and frees every client context.
+void close_t4mi_client_contexts();

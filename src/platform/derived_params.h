@@ -1,0 +1,42 @@
+// Start-up operations of the framework: derived parameters, the log redirect,
+// the self-test, status and readiness reports, and the release of all of it.
+#pragma once
+
+#include <cstdio>
+
+// Derives, from the switches: the open item (t4mi_meta), the metadata
+// directory (".<item name>.t4mi" beside the item unless given; created, mode
+// 0700, when missing), the socket path ("<metadir>/control.sock" unless
+// given; left empty when it does not fit a socket address) and the metadata
+// record (read back from "<metadir>/metadata.json"; its type fills
+// t4mi_file_type when none was given). With --temp-clean it also removes the
+// item's leftover temporary files. Non-zero on failure (item or directory
+// cannot be opened or made).
+int t4mi_standard_to_derived_params();
+
+// Appends standard error to "<metadir>/t4mi.log". Non-zero on failure.
+int t4mi_redirect_stderr_to_logfile();
+
+// Checks the platform's own invariants (text decoding, clocks). 0 when fine.
+int t4mi_self_test();
+
+// CPU feature probe; kept for the start-up sequence, nothing depends on it yet.
+void init_vel_utils_cpu();
+
+// Reports to the playout side through "<metadir>/status.json" (replaced
+// atomically): the start-up progress (percent and text) and readiness.
+void t4mi_status_write(int percent, const char* text);
+void t4mi_ready_write(int ready, const char* text);
+
+// Lists the process's open descriptors, one per line.
+void fd_debug_dump_open_files(FILE* out);
+
+// Releases the derived records and closes their descriptors.
+void t4mi_free_all();
+
+// The framework's JSON view of the item (type, GUID, timing, state), sent to
+// clients with their status packets.
+void meta_to_json(const struct metadata_v4_metadata_context* md);
+void item_to_json_common();
+void rebuild_json();
+const char* t4mi_item_json();

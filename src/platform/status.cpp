@@ -1,0 +1,100 @@
+#include <cstdio>
+#include <fcntl.h>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <unistd.h>
+
+#include "platform/client_context.h"
+#include "platform/clock.h"
+#include "platform/derived_params.h"
+#include "platform/t4mi_globals.h"
+#include "platform/text_helpers.h"
+
+namespace {
+struct status_state {
+    int percent = 0;
+    std::string text;
+    int ready = 0;
+    std::string ready_text;
+} status;
+
+std::string item_json;
+nlohmann::json meta_view = nlohmann::json::object();
+
+void write_status_file()
+{
+    if (t4mi_file_metadir.empty())
+        return;
+    const nlohmann::json j = {
+        {"pid", int(getpid())},       {"percent", status.percent}, {"status", status.text},
+        {"ready", status.ready},      {"ready_text", status.ready_text},
+        {"socket", t4mi_sock},
+    };
+    const std::string text = j.dump() + "\n";
+    const std::string path = t4mi_file_metadir + "/status.json";
+    const std::string tmp = path + ".tmp";
+    const int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return;
+    const bool ok = write(fd, text.data(), text.size()) == ssize_t(text.size());
+    close(fd);
+    if (!ok || rename(tmp.c_str(), path.c_str()) != 0)
+        unlink(tmp.c_str());
+}
+} // namespace
+
+void t4mi_status_write(int percent, const char* text)
+{
+    status.percent = percent;
+    status.text = text ? text : "";
+    write_status_file();
+}
+
+void t4mi_ready_write(int ready, const char* text)
+{
+    status.ready = ready;
+    status.ready_text = text ? text : "";
+    write_status_file();
+}
+
+int t4mi_self_test()
+{
+    const char sample[] = "A\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80\xff";
+    const char* p = sample;
+    const char* end = sample + sizeof sample - 1;
+    const int32_t expected[] = {'A', 0xE9, 0x20AC, 0x1F600, -1, 0};
+    for (int32_t want : expected)
+        if (utf8_decode(&p, end) != want)
+            return 1;
+    const uint64_t a = monotonic_clock_us();
+    const uint64_t b = monotonic_clock_us();
+    return b < a ? 1 : 0;
+}
+
+void init_vel_utils_cpu() {}
+
+void meta_to_json(const metadata_v4_metadata_context* md)
+{
+    meta_view = nlohmann::json::object();
+    if (md == nullptr)
+        return;
+    meta_view["guid"] = md->guid;
+    meta_view["mime_type"] = t4mi_file_type;
+}
+
+void item_to_json_common()
+{
+    meta_view["video_streams"] = t4mi_video_streams;
+    meta_view["duration"] = t4mi_time_duration;
+    meta_view["time_scale"] = {t4mi_time_scale.num, t4mi_time_scale.den};
+    meta_view["file"] = t4mi_file;
+}
+
+void rebuild_json()
+{
+    nlohmann::json j = meta_view;
+    j["clients"] = t4mi_client_contexts.count();
+    item_json = j.dump();
+}
+
+const char* t4mi_item_json() { return item_json.c_str(); }

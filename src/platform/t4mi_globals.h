@@ -1,0 +1,66 @@
+// The media-item framework's globals: what the command line set, what start-up
+// derived, and the process-wide handles of the serving side. The program reads
+// and sets them; the platform library owns them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "platform/metadata.h"
+
+class t4mi_client_context_registry;
+struct t4mi_global_access_cache;
+struct comm_socket_v4_server;
+struct comm_socket_v4_packet;
+struct t4mi_connection;
+
+// --- set by the command line -------------------------------------------------
+extern int t4mi_auto_socket_create;      // create the control socket at start-up
+extern std::string t4mi_file;            // --file: the item file
+extern std::string t4mi_file_type;       // --type, or the stored / identified MIME type
+extern std::string t4mi_file_metadir;    // --metadir, or derived from the item path
+extern std::string t4mi_sock;            // --socket, or derived from the metadata dir
+extern int t4mi_stderr_to_log;           // --log
+extern int t4mi_temp_clean_only;         // --temp-clean
+extern int t4mi_force_update_metadata;   // --force-metadata
+extern int t4mi_metadata_may_update;     // cleared by --no-metadata-write
+extern int t4mi_identify_only;           // --identify
+extern int t4mi_daemon;                  // --daemon
+extern int t4mi_oneshot;                 // --oneshot
+extern std::string t4mi_cgroup_active;   // --cgroup-active: cgroup directory while serving
+extern std::string t4mi_cgroup_idle;     // --cgroup-idle: cgroup directory while idle
+extern uint64_t auto_shutdown_delay_initial; // --auto-shutdown, in µs; 0: never
+
+// --- derived at start-up -----------------------------------------------------
+extern t4mi_meta_record* t4mi_meta;                 // null until derived
+extern metadata_v4_metadata_context* t4mi_metadata; // null until derived
+extern int t4mi_do_write_metadata;
+extern int64_t t4mi_video_streams;
+extern int64_t t4mi_time_duration;
+struct t4mi_rational64 {
+    int64_t num;
+    int64_t den;
+};
+extern t4mi_rational64 t4mi_time_scale;
+
+// --- serving -----------------------------------------------------------------
+extern t4mi_global_access_cache* t4mi_acc_cache;
+extern t4mi_client_context_registry t4mi_client_contexts;
+extern comm_socket_v4_server* t4mi_comm_server;
+extern int t4mi_should_exit;             // a client asked the process to exit
+extern uint64_t mono_auto_shutdown;      // monotonic µs; 0: no deadline
+extern int json_next_xmit_rebuild;
+extern uint64_t json_next_xmit;
+extern uint64_t picture_flush_deref_delay; // µs a released frame is kept
+extern uint64_t picture_auto_deref_delay;  // µs an unreleased frame is kept
+extern uint64_t tnb_total;                 // frame-buffer budget in bytes
+extern int image_tnb_buffer_fd;
+extern int image_tnb_buffer;
+
+// Callbacks the program installs.
+extern void (*t4mi_on_metadata_set)();
+extern int (*on_t4mi_custom_packet)(comm_socket_v4_packet* request, comm_socket_v4_packet* response,
+                                    const void* raw, t4mi_connection* client);
+
+// Replaces a framework string field.
+void t4mi_set_string(std::string* field, const char* text);

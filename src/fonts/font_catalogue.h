@@ -26,6 +26,9 @@ FT_Face font_face_for_settings(const char* family, const char* style);
 // rendering and kerning both use it.
 FT_Matrix context_glyph_matrix(const scrolling_text_client_context* ctx);
 
+// 26.6 kerning to whole pixels: an arithmetic shift, so -1/64 gives -1.
+inline int kerning_pixels(FT_Pos x) { return int(x >> 6); }
+
 // Horizontal kerning between two characters in whole pixels (arithmetic
 // shift of 26.6, so -1/64 gives -1); 0 for faces without kerning.
 int kerning_between(scrolling_text_client_context* ctx, int32_t left, int32_t right);

@@ -33,5 +33,5 @@ int kerning_between(scrolling_text_client_context* ctx, int32_t left, int32_t ri
     FT_Set_Transform(face, &m, &origin);
     FT_Vector k{0, 0};
     FT_Get_Kerning(face, a, b, FT_KERNING_DEFAULT, &k);
-    return int(k.x >> 6);
+    return kerning_pixels(k.x);
 }

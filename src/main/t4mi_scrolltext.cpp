@@ -153,19 +153,6 @@ void daemonize()
 }
 } // namespace
 
-void print_help()
-{
-    t4mi_std_help();
-    std::fprintf(stderr, " --oneshot\n");
-}
-
-void die_signal_handler(int)
-{
-    DIE4 = DIE4 + 1;
-    if (DIE4 > 19)
-        std::abort();
-}
-
 int main(int argc, char** argv)
 {
     if (int status = parse_command_line(argc, argv); status >= 0)

@@ -1,0 +1,158 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/args.h"
+#include "platform/derived_params.h"
+#include "platform/metadata.h"
+#include "platform/sliding_window.h"
+#include "platform/t4mi_globals.h"
+#include "support/test_env.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class Derived : public ::testing::Test {
+protected:
+    void TearDown() override
+    {
+        t4mi_free_all();
+        t4mi_reset_standard_switches();
+    }
+    t4test::temp_dir dir;
+};
+
+TEST_F(Derived, MetadataDirectoryAndSocketComeFromTheItemPath)
+{
+    t4test::write_file(dir / "news.txt", "#Tevrin4ScrollText\n");
+    t4mi_file = dir / "news.txt";
+    ASSERT_EQ(t4mi_standard_to_derived_params(), 0);
+    EXPECT_EQ(t4mi_file_metadir, dir / ".news.txt.t4mi");
+    EXPECT_EQ(t4mi_sock, dir / ".news.txt.t4mi/control.sock");
+    struct stat st {};
+    ASSERT_EQ(stat(t4mi_file_metadir.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+    ASSERT_NE(t4mi_meta, nullptr);
+    EXPECT_GE(t4mi_meta->file_fd, 0);
+    EXPECT_GE(t4mi_meta->dir_fd, 0);
+    EXPECT_GE(t4mi_meta->meta_name_fd, 0);
+    EXPECT_EQ(t4mi_meta->dir_path, dir.path());
+    EXPECT_EQ(t4mi_meta->file_name, "news.txt");
+    ASSERT_NE(t4mi_metadata, nullptr);
+    EXPECT_EQ(t4mi_metadata->path, dir / ".news.txt.t4mi/metadata.json");
+    EXPECT_FALSE(t4mi_metadata->loaded);
+}
+
+TEST_F(Derived, GivenDirectoriesAreCreatedAndKept)
+{
+    t4test::write_file(dir / "a.txt", "x");
+    t4mi_file = dir / "a.txt";
+    t4mi_file_metadir = dir / "deep/er/meta";
+    t4mi_sock = dir / "s.sock";
+    ASSERT_EQ(t4mi_standard_to_derived_params(), 0);
+    EXPECT_TRUE(fs::is_directory(dir / "deep/er/meta"));
+    EXPECT_EQ(t4mi_sock, dir / "s.sock");
+}
+
+TEST_F(Derived, MissingItemFails)
+{
+    t4mi_file = dir / "missing.txt";
+    EXPECT_NE(t4mi_standard_to_derived_params(), 0);
+    EXPECT_EQ(t4mi_meta, nullptr);
+}
+
+TEST_F(Derived, MetadataRoundTripsAtomically)
+{
+    t4test::write_file(dir / "a.txt", "x");
+    t4mi_file = dir / "a.txt";
+    ASSERT_EQ(t4mi_standard_to_derived_params(), 0);
+    EXPECT_EQ(auto_generate_metadata_guid(t4mi_metadata), 1);
+    EXPECT_EQ(auto_generate_metadata_guid(t4mi_metadata), 0); // already has one
+    t4mi_video_streams = 1;
+    t4mi_time_duration = 2147483647;
+    t4mi_time_scale = {30000, 1001};
+    t4mi_file_type = "text/plain";
+    t4mi_standard_vars_to_metadata(t4mi_metadata);
+    ASSERT_EQ(metadata_v4_metadata_context_write_metadata_to_file(t4mi_metadata, t4mi_meta, 0, nullptr), 0);
+    EXPECT_FALSE(fs::exists(t4mi_metadata->path + ".tmp"));
+
+    metadata_v4_metadata_context back;
+    back.path = t4mi_metadata->path;
+    ASSERT_EQ(metadata_v4_metadata_context_read(&back), 0);
+    EXPECT_EQ(back.mime_type, "text/plain");
+    EXPECT_EQ(back.guid, t4mi_metadata->guid);
+    EXPECT_EQ(back.video_streams, 1);
+    EXPECT_EQ(back.duration, 2147483647);
+    EXPECT_EQ(back.time_scale_num, 30000);
+    EXPECT_EQ(back.time_scale_den, 1001);
+
+    // The stored type fills an empty type at the next derivation.
+    t4mi_free_all();
+    t4mi_file_type.clear();
+    ASSERT_EQ(t4mi_standard_to_derived_params(), 0);
+    EXPECT_EQ(t4mi_file_type, "text/plain");
+}
+
+TEST_F(Derived, UnreadableMetadataIsIgnored)
+{
+    t4test::write_file(dir / "a.txt", "x");
+    t4test::write_file(dir / ".a.txt.t4mi/metadata.json", "{ not json");
+    t4mi_file = dir / "a.txt";
+    ASSERT_EQ(t4mi_standard_to_derived_params(), 0);
+    EXPECT_FALSE(t4mi_metadata->loaded);
+    EXPECT_EQ(t4mi_file_type, "");
+}
+
+TEST_F(Derived, ReopeningTheItemFollowsAReplacedFile)
+{
+    t4test::write_file(dir / "a.txt", "old");
+    t4mi_file = dir / "a.txt";
+    ASSERT_EQ(t4mi_standard_to_derived_params(), 0);
+    t4test::write_file(dir / "a.txt.new", "new!");
+    fs::rename(dir / "a.txt.new", dir / "a.txt");
+    metadata_v4_context_close_the_file(t4mi_meta);
+    EXPECT_EQ(t4mi_meta->file_fd, -1);
+    ASSERT_EQ(metadata_v4_context_open_the_file(t4mi_meta), 0);
+    char buf[8] = {};
+    EXPECT_EQ(pread(t4mi_meta->file_fd, buf, sizeof buf, 0), 4);
+    EXPECT_STREQ(buf, "new!");
+}
+
+TEST_F(Derived, StatusFileReportsProgressAndReadiness)
+{
+    t4test::write_file(dir / "a.txt", "x");
+    t4mi_file = dir / "a.txt";
+    ASSERT_EQ(t4mi_standard_to_derived_params(), 0);
+    t4mi_status_write(100, "");
+    t4mi_ready_write(1, "Ready to serve data");
+    const auto j = nlohmann::json::parse(t4test::read_file(t4mi_file_metadir + "/status.json"));
+    EXPECT_EQ(j["percent"], 100);
+    EXPECT_EQ(j["ready"], 1);
+    EXPECT_EQ(j["ready_text"], "Ready to serve data");
+    EXPECT_EQ(j["pid"], int(getpid()));
+}
+
+TEST(SelfTest, Passes) { EXPECT_EQ(t4mi_self_test(), 0); }
+
+TEST(SlidingWindow, MapsTheStartOfAShortFileWithZerosBeyondIt)
+{
+    t4test::temp_dir dir;
+    t4test::write_file(dir / "f", "abcd");
+    const int fd = open((dir / "f").c_str(), O_RDONLY);
+    sliding_window_v4* w = sliding_window_v4_create_mmap(128, fd);
+    ASSERT_NE(w, nullptr);
+    ASSERT_NE(sliding_window_v4_mmap_lazy_lseek(w, 0, 128), 0);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(w->buffer), 4), "abcd");
+    EXPECT_EQ(w->buffer[4], 0);
+    EXPECT_EQ(sliding_window_v4_mmap_lazy_lseek(w, 0, 129), 0); // larger than the window
+    EXPECT_EQ(sliding_window_v4_destroy(w), nullptr);
+    EXPECT_EQ(sliding_window_v4_create_mmap(128, -1), nullptr);
+    close(fd);
+}
+
+} // namespace

@@ -10,9 +10,6 @@
 scroll_settings_record scroll_settings;
 int32_t line_count = 1;
 
-namespace {
-// Truncates toward zero like a C cast, but saturates instead of overflowing,
-// so a wild value in an item file stays a number and never undefined.
 int64_t truncate_to_int64(double v)
 {
     if (std::isnan(v))
@@ -24,6 +21,7 @@ int64_t truncate_to_int64(double v)
     return int64_t(v);
 }
 
+namespace {
 // Opacities are stored as the low bits of the truncated product, so 1.5
 // becomes 382 and, as a byte, 126: values out of range wrap on purpose.
 int32_t opacity_of(const char* value) { return int32_t(truncate_to_int64(std::strtod(value, nullptr) * 255.0)); }

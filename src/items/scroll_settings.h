@@ -45,6 +45,10 @@ extern scroll_settings_record scroll_settings;
 // The number of text lines the picture is divided into (set by the layout).
 extern int32_t line_count;
 
+// Truncates toward zero like a C cast, but saturates instead of overflowing,
+// so a wild value from an item file or a control packet stays defined.
+int64_t truncate_to_int64(double v);
+
 // Resets the record to the load defaults, keeping `justify` and `text`.
 // `rss` selects the feed defaults (speed 3.3, space 0, white text).
 void reset_scroll_settings(bool rss);

@@ -268,6 +268,18 @@ TEST_F(Startup, LogSwitchSendsStandardErrorToTheItemsLog)
               std::string::npos);
 }
 
+TEST_F(Startup, DaemonDetachesAndDumpsItsDescriptors)
+{
+    // Standard error is a pipe, not a terminal, so the detached process keeps it.
+    const auto r = run({"--file", item("#Tevrin4ScrollText\nHello\n"), "--daemon"});
+    EXPECT_EQ(r.exit_status, 0) << r.err;
+    EXPECT_NE(r.err.find("Daemonizing\n--------------------- ON CLOSURE OF THIS PROCESS (DEBUG) "
+                         "----------------------\n"),
+              std::string::npos)
+        << r.err;
+    EXPECT_NE(r.err.find("  fd 2 -> pipe:"), std::string::npos) << r.err;
+}
+
 TEST_F(Startup, MetadataWriteCanBeForbidden)
 {
     const auto r = run({"--file", item("#Tevrin4ScrollText\n"), "--identify", "--no-metadata-write"});

@@ -71,8 +71,10 @@ uint64_t available_memory()
 
 tnb_domain& tnb_state()
 {
-    static tnb_domain domain;
-    return domain;
+    // Never destroyed: frames held by globals (the client-context registry)
+    // may still free their allocations while the process exits.
+    static tnb_domain* const domain = new tnb_domain;
+    return *domain;
 }
 
 int t4mi_join_tnb_domain()

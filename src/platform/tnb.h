@@ -1,34 +1,137 @@
-// The shared frame-buffer domain: start-up and shut-down operations.
+// The shared frame-buffer domain: where rendered frames live so that clients
+// of the control socket can map them without copying.
 //
-// Frames live in shared buffers that clients map without copying. This header
-// holds what start-up and shut-down call; the allocator itself (tnb_malloc,
-// tnb_free, the default buffer, the access cache lookups) joins it with the
-// frame path.
+// Design in one paragraph (docs/frame-buffers.md has the long form): the
+// process holds at most one shared buffer, the "default buffer", an anonymous
+// memfd of `tnb_total` bytes (rounded down to whole pages, at most 4 GiB less
+// one page so that 32-bit offsets reach every byte) with mode 0600 and its
+// size sealed. Allocations are page-aligned ranges carved from it first-fit
+// and named ("V%lld" for frames). A client receives the buffer's descriptor
+// (tnb_buffer_fd) over the socket once and maps it; a frame is then just
+// (buffer id, offset, length). The process reaches the bytes through the
+// global access cache, which maps each buffer once.
+//
+// Single-threaded, like the rest of the serving side. Nothing here throws;
+// failures return false, null, -1 or 0 as each function says.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 struct tnb_domain;
 
-// Joins the process's buffer domain (the shared-memory file system). 0 on success.
+// --- the domain ----------------------------------------------------------------
+
+// Joins the process's buffer domain: checks that anonymous shared memory can
+// be made and remembers where shared memory is accounted ("/dev/shm"). 0 on
+// success; calling it again is harmless.
 int t4mi_join_tnb_domain();
+// The joined domain, or null before a successful join.
 tnb_domain* t4mi_tnb_domain();
 
+// Forgets every allocation and drops the default buffer: the allocator's
+// state as at process start.
 void tnb_alloc_init();
 
-// Bytes the domain could still hand out. `include_cached` is kept for the
-// calling convention (1: count buffers the process may drop as free).
+// Bytes of shared memory the domain could still hand out: the smaller of the
+// free space of "/dev/shm" and the system's available memory. With
+// `include_cached` 1, the bytes this process holds in live allocations are
+// counted as free too (the process can drop them). 0 for a null domain.
 uint64_t tnb_context_free_space(tnb_domain* domain, int include_cached);
 
-// Resets the single-buffer assignment (buffer fd, buffer id, flags).
-void tnb_alloc_assign_single(int fd, int buffer, int flags);
+// --- the default buffer --------------------------------------------------------
 
-void tnb_alloc_freeall();
+// Makes sure the default buffer is held. Returns 0 when it is ready (at once
+// when it already was), non-zero when it cannot be made: `tnb_total` is below
+// one page, or the kernel refused the memory. On success
+// `image_tnb_buffer_fd` holds its descriptor and `image_tnb_buffer` its id.
+int tnb_default_buffer_load();
+
+// Gives the default buffer back: every allocation in it is forgotten, every
+// access-cache mapping of it is unmapped, its descriptor is closed and
+// `image_tnb_buffer_fd` / `image_tnb_buffer` become -1. The memory returns to
+// the system once no client maps it any more. Harmless when none is held.
 void tnb_default_buffer_drop();
 
-// One line per live allocation on standard error, by name and size.
+// Replaces the single buffer the allocator hands out from. The held buffer is
+// dropped first (as tnb_default_buffer_drop). With fd >= 0 and buffer >= 1,
+// the process then adopts the memfd behind `fd` (duplicated; the caller keeps
+// its own descriptor) under id `buffer`, sized by fstat. `flags` is unused.
+void tnb_alloc_assign_single(int fd, int buffer, int flags);
+
+// The descriptor of a live buffer, to hand to a client over the socket; -1
+// when no buffer has that id. The domain owns it: do not close it.
+int tnb_buffer_fd(int buffer);
+// Size in bytes of a live buffer; 0 when no buffer has that id.
+uint64_t tnb_buffer_size(int buffer);
+
+// --- allocations ---------------------------------------------------------------
+
+// One allocation: `length` bytes at byte `offset` of buffer `buffer`. An
+// empty record (length 0) holds nothing. The record is the caller's; the
+// bytes are the domain's until tnb_free.
+struct tnb_alloc_record {
+    uint64_t offset = 0;  // bytes from the buffer start; page-aligned
+    uint64_t length = 0;  // bytes asked for; 0: empty
+    int32_t buffer = -1;  // id of the buffer (1..65535); -1 when empty
+    uint64_t serial = 0;  // which allocation: a stale record never frees a newer one
+};
+
+// Allocation granularity: allocations start on and reserve whole pages.
+uint64_t tnb_alloc_granularity();
+
+// Reserves `size` bytes (size >= 1) in the default buffer under the name
+// given by printf-style `name_fmt` and fills the record. Returns false, with
+// the record left as it was, when no default buffer is held, when the
+// reserved total would pass `tnb_total`, or when no free range is large
+// enough. The bytes are not cleared: a new allocation may hold an old frame.
+bool tnb_malloc(tnb_alloc_record* record, uint64_t size, const char* name_fmt, ...)
+    __attribute__((format(printf, 3, 4)));
+
+// Releases the record's allocation and empties the record. A record of a
+// buffer that was dropped meanwhile (its allocation already forgotten) is
+// only emptied. Null or empty records are ignored.
+void tnb_free(tnb_alloc_record* record);
+
+// Forgets every allocation (records still held elsewhere become stale and
+// are emptied by their tnb_free) and lets the system reclaim the pages; the
+// default buffer itself stays held.
+void tnb_alloc_freeall();
+
+// Number of live allocations and the bytes they asked for.
+size_t tnb_alloc_live_count();
+uint64_t tnb_alloc_live_bytes();
+
+// One line per live allocation on standard error, in buffer order:
+// "<name>: <size> bytes\n" (size as asked for).
 void tnb_alloc_print_remaining_buffers();
 
+// --- the access cache ----------------------------------------------------------
+
 struct t4mi_global_access_cache;
+
+// A cache of mappings, one per buffer. Create never fails here (null is kept
+// for the calling convention). Destroy unmaps everything; start-up's cache
+// lives until exit and is never destroyed.
 t4mi_global_access_cache* t4mi_global_access_cache_create();
+void t4mi_global_access_cache_destroy(t4mi_global_access_cache* cache);
+
+// Access flags for quickfetch.
+inline constexpr int T4MI_ACCESS_READ = 1;
+inline constexpr int T4MI_ACCESS_WRITE = 4;
+
+// The process address of byte `offset` of buffer `buffer`, valid for `size`
+// bytes; null when the cache is null, the buffer is not live, `size` is 0 or
+// the range passes the buffer's end. The whole buffer is mapped read-write on
+// first use and kept; `flags` (T4MI_ACCESS_*) is accepted for the calling
+// convention. The address stays valid until the buffer is dropped or the
+// entry is cleaned up as idle: fetch again rather than keep it.
+void* t4mi_global_access_cache_quickfetch(t4mi_global_access_cache* cache, int buffer, uint64_t offset,
+                                          uint64_t size, int flags);
+
+// Unmaps the entries of buffers no longer live and those not fetched for
+// T4MI_ACCESS_CACHE_IDLE_US. Null is ignored.
+inline constexpr uint64_t T4MI_ACCESS_CACHE_IDLE_US = 10000000;
 void t4mi_global_access_cache_cleanup_idle(t4mi_global_access_cache* cache);
+// Mapped entries of a cache (for tests and diagnostics).
+size_t t4mi_global_access_cache_entry_count(const t4mi_global_access_cache* cache);

@@ -1,0 +1,27 @@
+// Drawing one bitmap into a YUVA frame with the accumulating blend.
+#pragma once
+
+#include <cstdint>
+
+#include "frames/frame_buffer.h"
+
+struct font_bmp_cache_storage;
+
+// Blends one source pixel into the destination. `s` is the source alpha
+// (0..255); `y`, `u`, `v` its colour; `dy`, `du`, `dv`, `da` the destination
+// bytes. Where the destination is already covered, the new colour weighs its
+// share s / (d + s) of the summed alpha: an accumulating blend, deliberately
+// not "over".
+void yuvablend(uint8_t* dy, uint8_t* du, uint8_t* dv, uint8_t* da, unsigned s, unsigned y, unsigned u, unsigned v);
+
+// Draws `bmp` with its top-left pixel at (x, y) of the frame (pixels), clipped
+// to the picture. `colour` is a packed YUVA word (Y bits 0-7, U 8-15,
+// V 16-23, A 24-31); a colour bitmap takes Y, U, V from its own planes.
+void blit_plain(const my_AVIVideoRandomReader::common_codec_setup_yuv_params& frame, int32_t x, int32_t y,
+                const font_bmp_cache_storage* bmp, uint32_t colour);
+
+// The same, squeezed horizontally by h_scale/256 (rows are not scaled): the
+// bitmap becomes (width * h_scale) >> 8 columns, each sampled linearly
+// between two source columns in 1/256 steps of 65536 / h_scale.
+void blit_scaled(const my_AVIVideoRandomReader::common_codec_setup_yuv_params& frame, int32_t x, int32_t y,
+                 const font_bmp_cache_storage* bmp, uint32_t colour, uint64_t h_scale);

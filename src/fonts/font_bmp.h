@@ -30,5 +30,13 @@ struct font_bmp_cache_storage {
                    const uint8_t* src) const;
 };
 
+// A new record with every field at its default (no planes, tag -1), from
+// malloc; never null (aborts when memory runs out). Free with font_bmp_free.
+font_bmp_cache_storage* font_bmp_alloc();
+
+// A zero-filled plane of stride x height bytes plus 256 spare bytes, from
+// calloc, as glyph, shadow and emoji image records use; never null.
+uint8_t* font_bmp_zeroed_plane(int32_t stride, int32_t height);
+
 // Frees the record and its four planes; null is ignored.
 void font_bmp_free(font_bmp_cache_storage* bmp);

@@ -37,14 +37,95 @@ public:
     ~scrolling_text_client_context() override;
 
     // --- text (text/markup.cpp) ---------------------------------------------
-    // Takes schedule data (JSON text in the packet's blob; null packet: null
-    // data). Marks the text for re-parsing when the data changed. Returns true
-    // when nothing changed.
+    // Takes schedule data (JSON text in the packet's blob, read up to its
+    // first NUL; null packet or bad JSON: null data). Marks the text for
+    // re-parsing when the data changed. Returns true when nothing changed.
     virtual bool apply_data_packet(const comm_socket_v4_packet* packet);
-    // Rebuilds `runs` from scroll_settings.text.
+    // Rebuilds `runs` from scroll_settings.text: clears parse_pending and both
+    // deadlines, resets `style` to the item's colours, then walks the text and
+    // its "%{...}%" fields. A field body longer than 511 bytes never returns
+    // (deliberate; see markup.cpp).
     virtual void parse_text();
+    // Appends every code point of a NUL-terminated UTF-8 string in the current
+    // style; malformed bytes are skipped one by one.
     void append_text(const char* utf8);
+    // Appends one run in the current style; `code` > 0.
     void append_char(int32_t code);
+
+    // --- schedule fields (text/schedule_fields.cpp) -------------------------
+    // One family per field, declared in virtual-slot order. In each family:
+    //   _next(index) / _prev(index): the entry "next<index>" / "prev<index>"
+    //     of `data`; an index below 0 means 1, 0 is used as it is;
+    //   the bare name: the entry "current";
+    //   _item(entry): the value read from one entry.
+    // Missing entries, keys and wrongly typed values give "". The time
+    // families also take the field's format (NUL-terminated, never null) and
+    // never arm a refresh; their now members read the wall clock and do.
+    virtual std::string _json_artist_next(int index);
+    virtual std::string _json_artist_prev(int index);
+    virtual std::string _json_artist();
+    virtual std::string _json_artist_item(const json11::Json& entry);
+    virtual std::string _json_author_next(int index);
+    virtual std::string _json_author_prev(int index);
+    virtual std::string _json_author();
+    virtual std::string _json_author_item(const json11::Json& entry);
+    virtual std::string _json_title_next(int index);
+    virtual std::string _json_title_prev(int index);
+    virtual std::string _json_title();
+    virtual std::string _json_title_item(const json11::Json& entry);
+    virtual std::string _json_program_next(int index);
+    virtual std::string _json_program_prev(int index);
+    virtual std::string _json_program();
+    virtual std::string _json_program_item(const json11::Json& entry);
+    virtual std::string _json_episode_next(int index);
+    virtual std::string _json_episode_prev(int index);
+    virtual std::string _json_episode();
+    virtual std::string _json_episode_item(const json11::Json& entry);
+    virtual std::string _json_rating_next(int index);
+    virtual std::string _json_rating_prev(int index);
+    virtual std::string _json_rating();
+    virtual std::string _json_rating_item(const json11::Json& entry);
+    // The text after the last "/", or the whole string when it has none.
+    virtual std::string _json_last_path_component(const std::string& path);
+    virtual std::string _json_summary_next(int index);
+    virtual std::string _json_summary_prev(int index);
+    virtual std::string _json_summary();
+    virtual std::string _json_summary_item(const json11::Json& entry);
+    virtual std::string _json_description_next(int index);
+    virtual std::string _json_description_prev(int index);
+    virtual std::string _json_description();
+    virtual std::string _json_description_item(const json11::Json& entry);
+    virtual std::string _json_time_now(const char* fmt);
+    virtual std::string _json_time_next(int index, const char* fmt);
+    virtual std::string _json_time_prev(int index, const char* fmt);
+    virtual std::string _json_time(const char* fmt);
+    virtual std::string _json_time_item(const json11::Json& entry, const char* fmt);
+    virtual std::string _json_time_end_next(int index, const char* fmt);
+    virtual std::string _json_time_end_prev(int index, const char* fmt);
+    virtual std::string _json_time_end(const char* fmt);
+    virtual std::string _json_time_end_item(const json11::Json& entry, const char* fmt);
+
+    // --- date and time formats (text/time_formats.cpp) -----------------------
+    // Format `t` (seconds since the epoch, with a fraction) by the tokens of
+    // `fmt` ("24h,s", "yyyy-mm-dd", ...; "" for the defaults). With `arm`, the
+    // time formatter lowers `time_deadline` to the next change of its text and
+    // the date formatter sets `date_deadline` to the end of the day (wall µs).
+    // "<time N/A>" when localtime fails; a null `fmt` aborts.
+    virtual std::string _json_choose_time_fmt(double t, const char* fmt, bool arm);
+
+    // --- schedule fields, continued (text/schedule_fields.cpp) ---------------
+    virtual std::string _json_date_now(const char* fmt);
+    virtual std::string _json_date_next(int index, const char* fmt);
+    virtual std::string _json_date_prev(int index, const char* fmt);
+    virtual std::string _json_date(const char* fmt);
+    virtual std::string _json_date_item(const json11::Json& entry, const char* fmt);
+    virtual std::string _json_date_end_next(int index, const char* fmt);
+    virtual std::string _json_date_end_prev(int index, const char* fmt);
+    virtual std::string _json_date_end(const char* fmt);
+    virtual std::string _json_date_end_item(const json11::Json& entry, const char* fmt);
+
+    // --- date and time formats, continued (text/time_formats.cpp) -----------
+    virtual std::string _json_choose_date_fmt(double t, const char* fmt, bool arm);
 
     // --- layout (frames/layout.cpp) -----------------------------------------
     void recompute_text_times();

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <climits>
+#include <exception>
 #include <nlohmann/json.hpp>
 
 namespace json11 {
@@ -32,6 +33,7 @@ const std::string& empty_string()
 
 struct depth_exceeded {};
 constexpr int max_depth = 200;
+constexpr size_t max_message = 300; // bytes of a parse error message
 } // namespace
 
 // Builds values from the library's parse tree (a friend, for the private constructor).
@@ -107,8 +109,12 @@ Json Json::parse(const std::string& in, std::string& err, JsonParse strategy)
 {
     err.clear();
     const nlohmann::json::parser_callback_t limit_depth =
-        [](int depth, nlohmann::json::parse_event_t, nlohmann::json&) {
-            if (depth > max_depth)
+        [](int depth, nlohmann::json::parse_event_t event, nlohmann::json&) {
+            // `depth` counts the containers around the event, so a container
+            // that starts at depth d is level d + 1. Only starts add levels.
+            const bool starts = event == nlohmann::json::parse_event_t::object_start ||
+                                event == nlohmann::json::parse_event_t::array_start;
+            if (starts && depth >= max_depth)
                 throw depth_exceeded{};
             return true;
         };
@@ -122,6 +128,14 @@ Json Json::parse(const std::string& in, std::string& err, JsonParse strategy)
         std::string what = e.what();
         const auto close = what.find("] ");
         err = (what.rfind("[json.exception", 0) == 0 && close != std::string::npos) ? what.substr(close + 2) : what;
+    } catch (const std::exception& e) {
+        err = e.what(); // out of memory on a huge document, say
+    }
+    // The message quotes the token it stopped in, which can be a whole
+    // megabyte-long string: keep the line short enough to read.
+    if (err.size() > max_message) {
+        err.resize(max_message - 3);
+        err += "...";
     }
     return Json();
 }

@@ -11,6 +11,7 @@
 //   collects its exit status, standard output and standard error.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -94,5 +95,11 @@ process_result run_process(const std::string& program, const std::vector<std::st
 
 // The built program's path.
 std::string scrolltext_binary();
+
+// Runs `body` in a forked copy of this process, with the child's standard
+// output and error collected; the child exits with 0 when `body` returns.
+// Kills it after `timeout_ms` (timed_out is then set), so code that is meant
+// to hang or abort can be tested without taking the test program down.
+process_result run_in_child(const std::function<void()>& body, int timeout_ms = 10000);
 
 } // namespace t4test

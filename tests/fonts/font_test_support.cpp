@@ -242,7 +242,7 @@ void write_png(const std::string& path, const test_png& image)
     std::fclose(f);
 }
 
-child_outcome run_in_child(const std::function<void()>& fn, int timeout_ms)
+child_outcome run_font_case_in_child(const std::function<void()>& fn, int timeout_ms)
 {
     temp_dir dir;
     const std::string out_path = dir / "out";

@@ -12,7 +12,7 @@
 //   file, to compare records with.
 // - test_png / write_png: PNG files of any colour type, bit depth and
 //   interlace, written with libpng.
-// - run_in_child: runs a function in a forked child and reports how it ended
+// - run_font_case_in_child: runs a function in a forked child and reports how it ended
 //   (libpng ends the process on a corrupt file).
 #pragma once
 
@@ -101,6 +101,6 @@ struct child_outcome {
     std::string out;         // the child's standard output
     std::string err;         // the child's standard error
 };
-child_outcome run_in_child(const std::function<void()>& fn, int timeout_ms = 20000);
+child_outcome run_font_case_in_child(const std::function<void()>& fn, int timeout_ms = 20000);
 
 } // namespace t4test

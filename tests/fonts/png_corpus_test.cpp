@@ -34,7 +34,7 @@ protected:
 // checks the record's planes are all there.
 child_outcome read_in_child(const std::string& file)
 {
-    return run_in_child([&] {
+    return run_font_case_in_child([&] {
         font_bmp_cache_storage* e = load_png_as_font_bmp(file.c_str());
         if (e == nullptr) {
             std::printf("null\n");

@@ -140,8 +140,13 @@ void load_rss_feed()
     normalise_loaded_settings();
     scroll_settings.static_ = 0; // a feed always scrolls, whatever its speed
 
+    // A new address is fetched on the next loop turn. The first address of
+    // the process (feed_url still empty) is the restart case, where the feed
+    // file's access time below tells when it was last fetched; a later change
+    // is not, as the file on disk then belongs to the old address.
+    const bool address_replaced = url != feed_url && !feed_url.empty();
     if (url != feed_url) {
-        feed_last_fetch = 0; // a new address is fetched on the next loop turn
+        feed_last_fetch = 0;
         feed_url = url;
     }
 
@@ -151,7 +156,7 @@ void load_rss_feed()
         return;
     }
     const char* buffer = read_feed_file(feed.get());
-    if (feed_last_fetch == 0)
+    if (feed_last_fetch == 0 && !address_replaced)
         feed_last_fetch = last_fetch_from_access_time(feed.get());
 
     scroll_settings.text.clear();

@@ -12,8 +12,9 @@
 // Reloads the settings from the item file (t4mi_meta->file_fd, under an
 // exclusive flock) and the text from "rss.xml" in the metadata directory
 // (t4mi_meta->meta_name_fd). Clears `feed_changed`; sets `feed_last_fetch` to
-// 0 when the address changed (so the next download starts at once), or maps
-// "rss.xml"'s access time onto the monotonic clock when it is 0. When
+// 0 when the address changed (so the next download starts at once); when it
+// is 0 and the address is the process's first, maps "rss.xml"'s access time
+// onto the monotonic clock instead (a restart does not fetch again early). When
 // "rss.xml" cannot be opened the previous text stays. Aborts the process on a
 // parsed feed without a root element (deliberate: kept as it is).
 void load_rss_feed();

@@ -333,6 +333,19 @@ TEST_F(RssLastFetch, AnAccessTimeBeforeTheMonotonicStartGivesZero)
     EXPECT_EQ(feed_last_fetch, 0u);
 }
 
+TEST_F(RssLastFetch, AReplacedAddressIsNotDatedByTheOldFeedFile)
+{
+    // The first address is dated by the file (the restart case); a new one
+    // stays undated, so that it is fetched at once.
+    set_access_time(-600000000);
+    load_rss_feed();
+    EXPECT_NE(feed_last_fetch, 0u);
+    write_item("#Tevrin4RSS\nurl=http://127.0.0.1/other\n");
+    load_rss_feed();
+    EXPECT_EQ(feed_last_fetch, 0u);
+    EXPECT_EQ(feed_url, "http://127.0.0.1/other");
+}
+
 TEST_F(RssLastFetch, AKnownLastDownloadIsKept)
 {
     set_access_time(-600000000);

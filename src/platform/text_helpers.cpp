@@ -56,10 +56,10 @@ void chomp(std::string& line)
 namespace {
 std::optional<std::string> trimmed_or_absent(std::string_view s)
 {
-    const auto first = s.find_first_not_of(" \t");
+    const auto first = s.find_first_not_of(" \t\r\n");
     if (first == std::string_view::npos)
         return std::nullopt;
-    const auto last = s.find_last_not_of(" \t");
+    const auto last = s.find_last_not_of(" \t\r\n");
     return std::string(s.substr(first, last - first + 1));
 }
 } // namespace

@@ -20,7 +20,7 @@ void chomp(char* line);
 void chomp(std::string& line);
 
 // One "name=value" line, split at its first "=". Spaces and tabs around the
-// name and around the value are trimmed. A part that is empty after the trim
+// name and around the value are trimmed (and CR and LF, for CR LF files). A part that is empty after the trim
 // is absent: "url=" has no value, "=x" has no name, a line without "=" has a
 // name and no value.
 struct name_value_pair {

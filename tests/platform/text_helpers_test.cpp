@@ -78,6 +78,9 @@ TEST(DivideNameValue, SplitsAtFirstEqualsAndTrims)
     EXPECT_EQ(*p.value, "value");
     p = divide_name_equ_value_pair("interval=");
     EXPECT_FALSE(p.value);
+    // Item files written on another system end their lines in CR LF.
+    p = divide_name_equ_value_pair("url=http://127.0.0.1/feed.xml\r");
+    EXPECT_EQ(*p.value, "http://127.0.0.1/feed.xml");
 }
 
 } // namespace

@@ -1,7 +1,8 @@
 // Glyph bitmaps: a glyph cache miss, the shadow blur at three radii, and the
 // emoji scaler.
 //
-//   build-release/bench/glyph_bench
+//   cmake -S . -B out/release -DCMAKE_BUILD_TYPE=Release && cmake --build out/release --target glyph_bench
+//   out/release/bench/glyph_bench
 //
 // The glyph cases render from Debian's Liberation Sans as the default face.
 // The blur costs O(pixels) whatever the radius; compare the three radii's

@@ -4,7 +4,8 @@
 // destination size less one.
 //
 // Each destination row blends two source rows into a row buffer (a straight
-// loop the compiler can vectorise) and then interpolates along the buffer.
+// loop the compiler can vectorise) and then interpolates along the buffer at
+// column positions stepped out once per call.
 // The steps truncate, so the position after the last column or row never
 // passes the last source pixel; when it reaches it the fraction is 0 and the
 // byte after the row (one of the record's 8 spare bytes) is read with weight
@@ -34,6 +35,21 @@ void font_bmp_cache_storage::scalecopy(const font_bmp_cache_storage* df, uint8_t
     // weight zero, so the buffer is zeroed and a little longer.
     std::vector<uint8_t> buffer(size_t(sf->width) + 8, 0);
     const uint32_t sw = uint32_t(sf->width);
+    const int32_t dw = df->width; // kept local: the byte stores below may alias the record
+
+    // Every row samples the same columns: step along once, keeping each
+    // column's source pixel and 16-bit fraction, so the rows are plain loops.
+    std::vector<uint32_t> column(size_t(df->width));
+    std::vector<uint32_t> fraction(size_t(df->width));
+    uint32_t xi = 0;
+    uint32_t fx = 0;
+    for (int32_t k = 0; k < df->width; k++) {
+        column[size_t(k)] = xi;
+        fraction[size_t(k)] = fx;
+        fx += uint32_t(xstep);
+        xi += fx >> 16;
+        fx &= 0xFFFF;
+    }
 
     uint32_t yw = 0;
     uint32_t fy = 0;
@@ -62,13 +78,12 @@ void font_bmp_cache_storage::scalecopy(const font_bmp_cache_storage* df, uint8_t
         }
 
         uint8_t* out = dst + size_t(j) * size_t(df->stride);
-        uint32_t xi = 0;
-        uint32_t fx = 0;
-        for (int32_t k = 0; k < df->width; k++) {
-            out[k] = uint8_t((uint32_t(row[xi]) * (65536 - fx) + uint32_t(row[xi + 1]) * fx) >> 16);
-            fx += uint32_t(xstep);
-            xi += fx >> 16;
-            fx &= 0xFFFF;
+        const uint32_t* cols = column.data();
+        const uint32_t* fracs = fraction.data();
+        for (int32_t k = 0; k < dw; k++) {
+            const uint32_t c = cols[k];
+            const uint32_t f = fracs[k];
+            out[k] = uint8_t((uint32_t(row[c]) * (65536 - f) + uint32_t(row[c + 1]) * f) >> 16);
         }
 
         fy += uint32_t(ystep);

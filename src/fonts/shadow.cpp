@@ -9,6 +9,9 @@
 // last max(h, 1) positions are left as they were (inside the zero padding).
 // Each output is one add, one subtract and one division by r + 1, so a pass
 // costs O(length) whatever the radius.
+//
+// The blur runs several rows (then columns) side by side; the plain
+// one-line version stays as the reference the tests compare it with.
 #include "fonts/shadow.h"
 
 #include <algorithm>
@@ -23,19 +26,63 @@ namespace {
 
 constexpr int32_t max_blur_radius = 64;
 
-// Division by n (1..65) of sums below 2^15 as a multiply and shift:
-// m = floor(2^32 / n) + 1 overshoots 2^32 / n by less than n / 2^32 per unit,
-// which for s < 2^15 stays below the gap to the next multiple of n, so the
-// quotient is exact (the tests compare it with plain division for every
-// case).
-struct exact_divider {
-    uint64_t m;
-    explicit exact_divider(uint32_t n) : m((uint64_t(1) << 32) / n + 1) {}
-    uint32_t operator()(uint32_t s) const { return uint32_t((uint64_t(s) * m) >> 32); }
-};
+// Division by n (2..65) of window sums (below 65 x 255 < 2^15) as a
+// multiply and shift: m = floor(2^32 / n) + 1 exceeds 2^32 / n by less than
+// n / 2^32, so s x m / 2^32 exceeds s / n by less than s / 2^32 < 1 / n, too
+// little to reach the next integer: the quotient is exact. (The tests check
+// every sum for every n.) m fits in 32 bits, so the product is a 32 x 32 -> 64
+// multiply that vectorises.
+uint32_t divider_for(int32_t r) { return uint32_t((uint64_t(1) << 32) / uint32_t(r + 1) + 1); }
 
-// One filter pass over `length` values `step` bytes apart.
-inline void box_filter_line(uint8_t* line, int32_t length, ptrdiff_t step, int32_t r, const exact_divider& div)
+inline uint8_t divide(uint32_t sum, uint32_t m) { return uint8_t((uint64_t(sum) * m) >> 32); }
+
+// The filter on `lanes` lines at once, for speed: lane j starts at
+// base + j x lane_step and its values lie `step` bytes apart. Each lane is
+// filtered exactly as box_filter_line would; running several at once
+// overlaps their dependency chains, and for the columns (lane_step 1) it turns
+// the inner loop into vector code and walks the plane row by row.
+template <int lanes>
+void box_filter_lanes(uint8_t* base, ptrdiff_t lane_step, ptrdiff_t step, int32_t length, int32_t r, uint32_t m)
+{
+    const int32_t h = (r + 1) / 2;
+    uint8_t ring[max_blur_radius][lanes];
+    std::memset(ring, 0, size_t(r) * lanes);
+    uint32_t sum[lanes] = {};
+    int32_t index = 0;
+    for (int32_t i = 0; i < h && i < length; i++) {
+        const uint8_t* in = base + i * step;
+        for (int j = 0; j < lanes; j++) {
+            const uint8_t v = in[j * lane_step];
+            sum[j] += v;
+            ring[index][j] = v;
+        }
+        if (++index == r)
+            index = 0;
+    }
+    const int32_t end = length - std::max(h, 1);
+    for (int32_t k = 0; k < end; k++) {
+        const uint8_t* in = base + (k + h) * step;
+        uint8_t* out = base + k * step;
+        uint8_t x[lanes];
+        uint8_t result[lanes];
+        for (int j = 0; j < lanes; j++)
+            x[j] = in[j * lane_step];
+        for (int j = 0; j < lanes; j++) {
+            const uint32_t t = sum[j] + x[j];
+            result[j] = divide(t, m);
+            sum[j] = t - ring[index][j];
+            ring[index][j] = x[j];
+        }
+        for (int j = 0; j < lanes; j++)
+            out[j * lane_step] = result[j];
+        if (++index == r)
+            index = 0;
+    }
+}
+
+// The filter on one line of `length` values `step` bytes apart, as plainly
+// as it reads: the reference that the fast version is tested against.
+void box_filter_line(uint8_t* line, int32_t length, ptrdiff_t step, int32_t r)
 {
     const int32_t h = (r + 1) / 2;
     uint8_t ring[max_blur_radius] = {};
@@ -53,7 +100,7 @@ inline void box_filter_line(uint8_t* line, int32_t length, ptrdiff_t step, int32
     const int32_t end = length - std::max(h, 1);
     for (int32_t k = 0; k < end; k++) {
         const uint8_t x = line[(k + h) * step];
-        const uint32_t out = div(sum + x);
+        const uint32_t out = (sum + x) / uint32_t(r + 1);
         sum = sum + x - ring[index];
         line[k * step] = uint8_t(out);
         ring[index] = x;
@@ -64,15 +111,33 @@ inline void box_filter_line(uint8_t* line, int32_t length, ptrdiff_t step, int32
 
 } // namespace
 
+void shadow_box_blur_reference(uint8_t* plane, int32_t width, int32_t height, int32_t stride, int32_t r)
+{
+    if (r < 1 || r > max_blur_radius)
+        return;
+    for (int32_t y = 0; y < height; y++)
+        box_filter_line(plane + ptrdiff_t(y) * stride, width, 1, r);
+    for (int32_t x = 0; x < width; x++)
+        box_filter_line(plane + x, height, stride, r);
+}
+
 void shadow_box_blur(uint8_t* plane, int32_t width, int32_t height, int32_t stride, int32_t r)
 {
     if (r < 1 || r > max_blur_radius)
         return;
-    const exact_divider div(uint32_t(r + 1));
-    for (int32_t y = 0; y < height; y++)
-        box_filter_line(plane + ptrdiff_t(y) * stride, width, 1, r, div);
-    for (int32_t x = 0; x < width; x++)
-        box_filter_line(plane + x, height, stride, r, div);
+    const uint32_t m = divider_for(r);
+    constexpr int row_lanes = 8;
+    constexpr int column_lanes = 16;
+    int32_t y = 0;
+    for (; y + row_lanes <= height; y += row_lanes)
+        box_filter_lanes<row_lanes>(plane + ptrdiff_t(y) * stride, stride, 1, width, r, m);
+    for (; y < height; y++)
+        box_filter_lanes<1>(plane + ptrdiff_t(y) * stride, 0, 1, width, r, m);
+    int32_t x = 0;
+    for (; x + column_lanes <= width; x += column_lanes)
+        box_filter_lanes<column_lanes>(plane + x, 1, stride, height, r, m);
+    for (; x < width; x++)
+        box_filter_lanes<1>(plane + x, 0, stride, height, r, m);
 }
 
 font_bmp_cache_storage* get_shadow_bmp(scrolling_text_client_context* ctx, uint64_t line_height, int32_t code)

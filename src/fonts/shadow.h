@@ -20,3 +20,7 @@ font_bmp_cache_storage* get_shadow_bmp(scrolling_text_client_context* ctx, uint6
 // each row (rows of each column) keep their values. `width` x `height` pixels
 // of `stride` bytes a row; 1 <= r <= 64. O(width x height) whatever r.
 void shadow_box_blur(uint8_t* plane, int32_t width, int32_t height, int32_t stride, int32_t r);
+
+// The same blur, one line at a time with a plain division: slower, kept as
+// the reference that shadow_box_blur must match byte for byte.
+void shadow_box_blur_reference(uint8_t* plane, int32_t width, int32_t height, int32_t stride, int32_t r);

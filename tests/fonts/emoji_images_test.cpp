@@ -138,14 +138,14 @@ TEST_F(emoji_images_test, sixteen_bit_rgba_is_accepted_and_read_as_eight_bit)
 {
     // 16-bit samples, big-endian: 0xFFFF -> 255, 0x0000 -> 0, and 0x12FF,
     // which libpng scales (not truncates): round(0x12FF x 255 / 65535)
-    // = round(18.92) = 19 (truncating would give 0x12 = 18).
+    // = round(18.92) = 19, where truncating would give 0x12 = 18.
     test_png img;
     img.width = 72;
     img.height = 72;
     img.bit_depth = 16;
     img.color_type = PNG_COLOR_TYPE_RGB_ALPHA;
     for (uint32_t i = 0; i < 72 * 72; i++)
-        img.data.insert(img.data.end(), {0xFF, 0xFF, 0x00, 0x00, 0x12, 0xFF, 0xFF, 0xFF});
+        img.data.insert(img.data.end(), {0xFF, 0xFF, 0x00, 0x00, 0x12, 0xFF, 0x12, 0xFF});
     write_png(emoji_dir() + "/emoji_u1f600.png", img);
     CaptureStderr();
     font_bmp_cache_storage* e = get_emoji_bmp(0x1F600);
@@ -154,10 +154,10 @@ TEST_F(emoji_images_test, sixteen_bit_rgba_is_accepted_and_read_as_eight_bit)
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->width, 72);
     EXPECT_EQ(e->stride, 80);
-    // (255, 0, 19): Y (66 x 255 + 25 x 19 + 4096) >> 8 = 21401 >> 8 = 83.
-    EXPECT_EQ(e->plane_y[40 * 80 + 40], 83);
-    EXPECT_EQ(e->plane_a[40 * 80 + 40], 255);
+    EXPECT_EQ(e->plane_a[40 * 80 + 40], 19);
+    // (255, 0, 19): Y (66 x 255 + 25 x 19 + 4096) >> 8 = 21401 >> 8 = 83,
     // Cb (-38 x 255 + 112 x 19 + 32768) >> 8 = 25206 >> 8 = 98.
+    EXPECT_EQ(e->plane_y[40 * 80 + 40], 83);
     EXPECT_EQ(e->plane_u[0], 98);
 }
 

@@ -106,9 +106,6 @@ void t4mi_client::close()
     for (int f : received_fds)
         ::close(f);
     received_fds.clear();
-    for (auto& [id, f] : reply_fds)
-        ::close(f);
-    reply_fds.clear();
     input.clear();
     replies.clear();
     pushed.clear();
@@ -194,21 +191,26 @@ bool t4mi_client::decode_buffered()
             break;
         }
         at += used;
-        const uint32_t id = reply.header.request_id;
-        if (reply.header.flags & COMM_SOCKET_V4_FLAG_FD) {
+            if (reply.header.flags & COMM_SOCKET_V4_FLAG_FD) {
             // The descriptor travels with the packet's first byte, so it is
-            // here by the time the packet is whole.
+            // here by the time the packet is whole. It is mapped now, so
+            // that replies waited for out of order find their buffer.
             if (received_fds.empty()) {
                 ok = false;
                 break;
             }
-            reply_fds[id] = received_fds.front();
+            const int buffer_fd = received_fds.front();
             received_fds.pop_front();
+            uint64_t buffer = 0;
+            if (!to_u64(reply.entry("buffer"), &buffer) || buffer > 65535)
+                ::close(buffer_fd);
+            else
+                map_buffer(int32_t(buffer), buffer_fd);  // a failure shows when the frame is located
         }
         if (reply.header.flags & COMM_SOCKET_V4_FLAG_PUSH)
             pushed.push_back(std::move(reply));
         else
-            replies[id] = std::move(reply);
+            replies[reply.header.request_id] = std::move(reply);
     }
     input.erase(input.begin(), input.begin() + long(at));
     return ok;
@@ -411,17 +413,6 @@ bool t4mi_client::receive_frame(uint32_t request_id, t4mi_client_frame* frame)
     t4mi_client_reply r;
     if (request_id == 0 || !wait_reply(request_id, &r))
         return false;
-    if (const auto it = reply_fds.find(request_id); it != reply_fds.end()) {
-        const int buffer_fd = it->second;
-        reply_fds.erase(it);
-        uint64_t buffer = 0;
-        if (!to_u64(r.entry("buffer"), &buffer) || buffer > 65535) {
-            ::close(buffer_fd);
-            return fail("frame reply without a buffer");
-        }
-        if (!map_buffer(int32_t(buffer), buffer_fd))
-            return false;
-    }
     if (!r.ok())
         return fail("frame refused: " + r.entry("message"));
     if (!locate_frame(r, frame))

@@ -140,7 +140,6 @@ private:
     std::vector<uint8_t> input;
     std::deque<int> received_fds;
     std::map<uint32_t, t4mi_client_reply> replies;  // by request id
-    std::map<uint32_t, int> reply_fds;              // descriptor that came with a reply
     std::deque<t4mi_client_reply> pushed;
     std::map<int32_t, mapping> buffers;
     std::map<std::pair<uint64_t, uint32_t>, std::vector<int32_t>> held_frames;  // (frame, variant) -> buffers

@@ -138,8 +138,15 @@ public:
     void clear_bitmap_caches();
 
     // --- reader (frames/client_context.cpp) ---------------------------------
-    // Creates the frame reader at the context's picture size and timing.
+    // Creates the frame reader at the context's picture size and timing
+    // (sets text_dirty when that size is not 640 x 480).
     void create_reader();
+    // Takes over the client's settings: timing once (a field rate doubles the
+    // time scale), the reader, the aspect pair (clears the bitmap caches
+    // whenever one is given), the picture size; flushes the reader's unused
+    // frames and lays the text out again at once when the size or the aspect
+    // changed.
+    void apply_client_settings(const t4mi_client_settings& settings) override;
 
     // Text state.
     std::vector<text_run> runs;

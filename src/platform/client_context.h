@@ -5,6 +5,10 @@
 // references through the second factory. The serving side (socket, frame
 // requests) drives them; the program's context class derives from
 // t4mi_client_context and overrides the virtual operations.
+//
+// A context owns the frame references its client holds; the connection
+// (platform/serve.h) owns the requests not run yet and finds its context by
+// id, so either may go first at shut-down.
 #pragma once
 
 #include <cstddef>
@@ -12,6 +16,12 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <vector>
+
+#include "platform/video_reference.h"
+
+struct comm_socket_v4_packet;
+struct t4mi_connection;
 
 // The picture settings a client sends (see docs/platform.md, "settings").
 struct t4mi_client_settings {
@@ -27,6 +37,8 @@ struct t4mi_client_settings {
 class t4mi_client_context {
 public:
     explicit t4mi_client_context(uint64_t id);
+    // Drops the references still held without touching their frames (a
+    // derived context expires them while its frames still exist).
     virtual ~t4mi_client_context();
     t4mi_client_context(const t4mi_client_context&) = delete;
     t4mi_client_context& operator=(const t4mi_client_context&) = delete;
@@ -34,13 +46,27 @@ public:
     // Takes over a client's picture settings.
     virtual void apply_client_settings(const t4mi_client_settings& settings);
 
+    // Takes schedule data (a "data" packet: JSON text in the blob). Returns
+    // true when nothing changed. The base keeps nothing and returns true.
+    virtual bool apply_data_packet(const comm_socket_v4_packet* packet);
+
     // Frame requests queued but not answered yet, and frame references the
     // client still holds: the serve loop counts them to tell busy from idle.
-    virtual size_t pending_request_count() const { return 0; }
-    virtual size_t outstanding_reference_count() const { return 0; }
+    virtual size_t pending_request_count() const;
+    virtual size_t outstanding_reference_count() const { return references.size(); }
 
-    // Releases every frame reference the client holds.
-    virtual void expire_all_references() {}
+    // Releases every frame reference the client holds (release_frame on
+    // each, then deletes it).
+    virtual void expire_all_references();
+
+    // Takes over a reference that holds its frame. Owned by the context now.
+    void add_reference(t4mi_video_frame_reference* reference);
+    // Releases and deletes one reference the client asked for as (frame,
+    // variant); false when it holds none.
+    bool release_reference(uint64_t requested_frame, uint32_t requested_variant);
+    // Releases and deletes the references held since `limit_us` (monotonic
+    // µs) or earlier; returns how many.
+    size_t expire_references_held_since(uint64_t limit_us);
 
     uint64_t id;
     uint32_t picture_width = 640;
@@ -53,9 +79,10 @@ public:
     int state_configured = 0;     // 1 once the client's settings were applied
     int state_pending = 1;        // 0 once configured
     bool closing = false;
+    t4mi_connection* connection = nullptr;  // the client's connection; null once it closed
+    // Frame references the client holds, oldest first.
+    std::vector<std::unique_ptr<t4mi_video_frame_reference>> references;
 };
-
-class t4mi_video_frame_reference;
 
 class t4mi_client_context_registry {
 public:
@@ -89,3 +116,8 @@ private:
 
 // Closes and frees every client context.
 void close_t4mi_client_contexts();
+
+// The context with key `id`, or null when there is none or, with a non-null
+// `connection`, when it belongs to another connection.
+t4mi_client_context* client_context_tracking_get_id(const t4mi_client_context_registry& registry, uint64_t id,
+                                                    const t4mi_connection* connection);

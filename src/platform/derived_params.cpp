@@ -12,6 +12,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "platform/comm_server.h"
 #include "platform/t4mi_globals.h"
 
 namespace {
@@ -105,6 +106,15 @@ int t4mi_standard_to_derived_params()
     t4mi_free_all();
     t4mi_meta = meta.release();
     t4mi_metadata = md.release();
+
+    // The control socket, when the program asks for it. Runs that only
+    // identify or clean up never serve: they must not take the socket from a
+    // process that is serving the same item.
+    if (t4mi_auto_socket_create && !t4mi_identify_only && !t4mi_temp_clean_only && !t4mi_sock.empty()) {
+        t4mi_comm_server = comm_socket_v4_server_create(t4mi_sock.c_str());
+        if (t4mi_comm_server == nullptr)
+            return 1;
+    }
     return 0;
 }
 
@@ -141,6 +151,10 @@ void fd_debug_dump_open_files(FILE* out)
 
 void t4mi_free_all()
 {
+    // Closing the server frees its connections and their client contexts
+    // and removes the socket file.
+    comm_socket_v4_server_close(t4mi_comm_server);
+    t4mi_comm_server = nullptr;
     if (t4mi_meta != nullptr) {
         for (int fd : {t4mi_meta->file_fd, t4mi_meta->dir_fd, t4mi_meta->meta_name_fd})
             if (fd >= 0)

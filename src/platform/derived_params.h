@@ -10,8 +10,10 @@
 // given; left empty when it does not fit a socket address) and the metadata
 // record (read back from "<metadir>/metadata.json"; its type fills
 // t4mi_file_type when none was given). With --temp-clean it also removes the
-// item's leftover temporary files. Non-zero on failure (item or directory
-// cannot be opened or made).
+// item's leftover temporary files. When t4mi_auto_socket_create is set (and
+// the run serves: not --identify, not --temp-clean) it creates the control
+// socket server at t4mi_sock into t4mi_comm_server. Non-zero on failure
+// (item or directory cannot be opened or made, socket cannot be created).
 int t4mi_standard_to_derived_params();
 
 // Appends standard error to "<metadir>/t4mi.log". Non-zero on failure.
@@ -31,7 +33,9 @@ void t4mi_ready_write(int ready, const char* text);
 // Lists the process's open descriptors, one per line.
 void fd_debug_dump_open_files(FILE* out);
 
-// Releases the derived records and closes their descriptors.
+// Closes the control socket server (its connections and their client
+// contexts, the socket file), then releases the derived records and closes
+// their descriptors.
 void t4mi_free_all();
 
 // The framework's JSON view of the item (type, GUID, timing, state), sent to

@@ -1,7 +1,7 @@
 // Control-socket packets: a command, a status, an argument list, name/value
 // entries with text values, and a data blob. This header is the in-memory
 // form and its accessors; the wire encoding is in packet_codec (see
-// docs/platform.md for the bytes).
+// docs/protocol.md for the bytes).
 #pragma once
 
 #include <cstddef>

@@ -93,6 +93,10 @@ bool tnb_malloc(tnb_alloc_record* record, uint64_t size, const char* name_fmt, .
 // only emptied. Null or empty records are ignored.
 void tnb_free(tnb_alloc_record* record);
 
+// True when the record names an allocation that is still live: its buffer
+// is held and that exact allocation was neither freed nor forgotten.
+bool tnb_alloc_is_live(const tnb_alloc_record* record);
+
 // Forgets every allocation (records still held elsewhere become stale and
 // are emptied by their tnb_free) and lets the system reclaim the pages; the
 // default buffer itself stays held.

@@ -120,6 +120,17 @@ void tnb_free(tnb_alloc_record* record)
     *record = tnb_alloc_record{};
 }
 
+bool tnb_alloc_is_live(const tnb_alloc_record* record)
+{
+    if (record == nullptr || record->length == 0)
+        return false;
+    const tnb_buffer& b = tnb_state().buffer;
+    if (b.fd < 0 || record->buffer != b.id)
+        return false;
+    const auto it = b.allocations.find(record->offset);
+    return it != b.allocations.end() && it->second.serial == record->serial;
+}
+
 void tnb_alloc_freeall()
 {
     tnb_buffer& b = tnb_state().buffer;

@@ -1,0 +1,184 @@
+// One client connection: non-blocking reads into a bounded input buffer,
+// packet decoding, and a bounded queue of replies written as the client
+// takes them, with a buffer descriptor passed along where a reply carries one.
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "platform/clock.h"
+#include "platform/comm_server_p.h"
+#include "platform/serve.h"
+
+t4mi_connection::~t4mi_connection()
+{
+    for (auto& o : output)
+        if (o.fd >= 0)
+            close(o.fd);
+    if (fd >= 0)
+        close(fd);
+}
+
+void connection_drop(t4mi_connection* c, const char* reason)
+{
+    if (c->closed)
+        return;
+    c->closed = true;
+    if (reason != nullptr)
+        std::fprintf(stderr, "Control client %llu dropped: %s\n", static_cast<unsigned long long>(c->serial), reason);
+    // Stop talking at once; the descriptor itself goes when the connection is freed.
+    shutdown(c->fd, SHUT_RDWR);
+    c->input.clear();
+    c->input.shrink_to_fit();
+}
+
+void connection_queue(t4mi_connection* c, const comm_socket_v4_packet& p, uint16_t flags, uint32_t request_id,
+                      int fd)
+{
+    if (c->closed)
+        return;
+    t4mi_outgoing o;
+    if (!comm_socket_v4_packet_encode(p, flags | (fd >= 0 ? COMM_SOCKET_V4_FLAG_FD : 0), request_id, &o.bytes)) {
+        // Only a reply of ours can be too large (a status text); say so instead.
+        comm_socket_v4_packet e;
+        comm_socket_v4_packet_begin_writing(&e, 0, p.command.size() <= 0xFFFF ? p.command.c_str() : "", "ERROR");
+        comm_socket_v4_packet_write_nv_text(&e, "message", "Reply too large");
+        comm_socket_v4_packet_write_end(&e);
+        o.bytes.clear();
+        if (!comm_socket_v4_packet_encode(e, flags & ~COMM_SOCKET_V4_FLAG_FD, request_id, &o.bytes))
+            return;
+        fd = -1;
+    }
+    if (c->output_bytes + o.bytes.size() > comm_socket_v4_server_limits.max_output_bytes) {
+        connection_drop(c, "not reading its replies");
+        return;
+    }
+    if (fd >= 0) {
+        o.fd = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+        if (o.fd < 0) {
+            connection_drop(c, "cannot pass a buffer descriptor");
+            return;
+        }
+    }
+    c->output_bytes += o.bytes.size();
+    c->output.push_back(std::move(o));
+}
+
+size_t connection_flush(t4mi_connection* c)
+{
+    size_t written = 0;
+    while (!c->closed && !c->output.empty()) {
+        t4mi_outgoing& o = c->output.front();
+        iovec iov{o.bytes.data() + o.sent, o.bytes.size() - o.sent};
+        msghdr msg{};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+        if (o.fd >= 0) {
+            std::memset(control, 0, sizeof control);
+            msg.msg_control = control;
+            msg.msg_controllen = sizeof control;
+            cmsghdr* cm = CMSG_FIRSTHDR(&msg);
+            cm->cmsg_level = SOL_SOCKET;
+            cm->cmsg_type = SCM_RIGHTS;
+            cm->cmsg_len = CMSG_LEN(sizeof(int));
+            std::memcpy(CMSG_DATA(cm), &o.fd, sizeof(int));
+        }
+        const ssize_t n = sendmsg(c->fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            if (errno != EAGAIN && errno != EWOULDBLOCK)
+                connection_drop(c, nullptr);  // hung up
+            break;
+        }
+        if (o.fd >= 0) {  // the descriptor went with the first byte
+            close(o.fd);
+            o.fd = -1;
+        }
+        o.sent += size_t(n);
+        c->output_bytes -= size_t(n);
+        written += size_t(n);
+        if (o.sent == o.bytes.size())
+            c->output.pop_front();
+    }
+    return written;
+}
+
+namespace {
+
+// Decodes whole packets from the input buffer while there is room in the
+// pending queue. False when the stream is not a packet stream.
+bool decode_input(t4mi_connection* c, size_t* decoded)
+{
+    using r = comm_socket_v4_decode_result;
+    size_t at = 0;
+    bool ok = true;
+    while (c->pending.size() < comm_socket_v4_server_limits.max_pending_packets && at < c->input.size()) {
+        t4mi_pending_packet pp;
+        size_t used = 0;
+        const r result = comm_socket_v4_packet_decode(c->input.data() + at, c->input.size() - at, &pp.packet,
+                                                      &pp.header, &used);
+        if (result == r::incomplete)
+            break;
+        if (result == r::malformed) {
+            ok = false;
+            break;
+        }
+        pp.raw.assign(c->input.begin() + long(at), c->input.begin() + long(at + used));
+        at += used;
+        if (pp.packet.command == "frame" && parse_frame_request(pp.packet, pp.header.request_id, &pp.frame)) {
+            pp.is_frame = true;
+            ++c->pending_frames;
+        }
+        c->pending.push_back(std::move(pp));
+        ++*decoded;
+    }
+    c->input.erase(c->input.begin(), c->input.begin() + long(at));
+    return ok;
+}
+
+} // namespace
+
+size_t connection_read(t4mi_connection* c)
+{
+    size_t decoded = 0;
+    // Packets that arrived while the pending queue was full come first.
+    if (!c->closed && !decode_input(c, &decoded)) {
+        connection_drop(c, "malformed packet");
+        return decoded;
+    }
+    size_t budget = comm_socket_v4_server_limits.read_budget;
+    while (!c->closed && budget > 0 && c->pending.size() < comm_socket_v4_server_limits.max_pending_packets) {
+        // Never more than one packet's worth buffered: the header tells how
+        // much is still missing, and nothing beyond the largest packet is
+        // ever kept.
+        size_t want = std::min<size_t>(budget, 64u << 10);
+        comm_socket_v4_header h;
+        if (comm_socket_v4_peek_header(c->input.data(), c->input.size(), &h) == comm_socket_v4_decode_result::ok &&
+            h.length > c->input.size())
+            want = std::min<size_t>(budget, std::max<size_t>(want, h.length - c->input.size()));
+        const size_t old = c->input.size();
+        c->input.resize(old + want);
+        const ssize_t n = recv(c->fd, c->input.data() + old, want, MSG_DONTWAIT);
+        if (n <= 0) {
+            c->input.resize(old);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK))
+                connection_drop(c, nullptr);  // hung up, perhaps mid-packet: everything it held goes
+            break;
+        }
+        c->input.resize(old + size_t(n));
+        budget -= size_t(n);
+        t4mi_note_client_activity(monotonic_clock_us());
+        if (!decode_input(c, &decoded)) {
+            connection_drop(c, "malformed packet");
+            break;
+        }
+    }
+    return decoded;
+}

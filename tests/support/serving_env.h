@@ -1,0 +1,103 @@
+// Serving fixtures.
+//
+// - control_server: a control socket server in this process (in a fresh
+//   directory, as t4mi_comm_server), with pump() running one round of the
+//   serving side's idle calls, and clients whose waits pump it (so a test
+//   drives server and clients from one thread, every wait bounded).
+// - serving_process: the real program (or another serving binary) started
+//   in the background on an item, ready once its status.json says so, with
+//   its standard error collected, stopped by a signal with a bounded wait.
+// - raw_socket: a plain connection for sending bytes a well-behaved client
+//   never would.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+#include "platform/t4mi_client.h"
+#include "support/test_env.h"
+
+namespace t4test {
+
+class control_server {
+public:
+    // Creates the server; the registry's factories are the caller's to set.
+    control_server();
+    // Closes the server (connections and their contexts), restores the
+    // limits and the auto-shutdown globals.
+    ~control_server();
+    const std::string& socket_path() const { return path; }
+    // One round: idle_t4mi_server_comm, idle_t4mi_client_contexts,
+    // t4mi_idle_housekeeping. Returns the work the first two reported.
+    int pump();
+    // Pumps until `done()` or `timeout_ms`; true when done.
+    bool pump_until(const std::function<bool()>& done, int timeout_ms = 5000);
+    // A connected client whose waits pump this server.
+    std::unique_ptr<t4mi_client> client();
+
+private:
+    temp_dir dir;
+    std::string path;
+};
+
+// A connection for raw bytes (non-blocking reads with a bound).
+class raw_socket {
+public:
+    explicit raw_socket(const std::string& path);
+    ~raw_socket();
+    bool ok() const { return fd >= 0; }
+    int descriptor() const { return fd; }
+    // Writes what the socket takes without blocking; returns the bytes written.
+    size_t write_some(const void* bytes, size_t size);
+    // True when the server closed the connection within `timeout_ms`
+    // (reads and discards whatever arrives meanwhile); `pump` runs between polls.
+    bool closed_by_server(int timeout_ms, const std::function<void()>& pump = {});
+    // True when the peer hung up (POLLHUP) within `timeout_ms`, without reading.
+    bool hung_up(int timeout_ms, const std::function<void()>& pump = {});
+
+private:
+    int fd = -1;
+};
+
+class serving_process {
+public:
+    // Starts `binary` with `args` and extra environment entries; standard
+    // error goes to a file. Does not wait.
+    serving_process(const std::string& binary, const std::vector<std::string>& args,
+                    const std::vector<std::string>& env);
+    // Kills the process if it still runs.
+    ~serving_process();
+    // Waits until "<metadir>/status.json" says ready; fills socket_path().
+    bool wait_ready(const std::string& metadir, int timeout_ms = 20000);
+    const std::string& socket_path() const { return socket; }
+    pid_t pid() const { return child; }
+    // Sends `sig` and waits up to `timeout_ms` for the exit. True when it
+    // exited; `exit_status` gets the status (-1 when killed by a signal).
+    bool stop(int sig, int timeout_ms, int* exit_status);
+    // Waits for the process to end by itself.
+    bool wait_exit(int timeout_ms, int* exit_status);
+    bool running();
+    // Standard error so far.
+    std::string err() const;
+
+private:
+    temp_dir dir;
+    pid_t child = -1;
+    bool exited = false;
+    int exit_code = -1;     // exit status, -1 when a signal ended it
+    std::string socket;
+    std::string err_file;
+};
+
+// The binary the process-level serving tests start: the program, or the one
+// chosen when the build was configured (see tests/CMakeLists.txt).
+std::string serving_binary();
+// Whether process-level serving tests run in this build.
+bool serving_process_tests_enabled();
+std::string render_tool_binary();
+std::string control_tool_binary();
+
+} // namespace t4test

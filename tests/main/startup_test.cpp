@@ -215,7 +215,7 @@ TEST_F(Startup, MissingEmojiFontEndsStartUp)
 
 TEST_F(Startup, ServingRunReportsReadiness)
 {
-    const auto r = run({"--file", item("#Tevrin4ScrollText\nHello\n")});
+    const auto r = run({"--file", item("#Tevrin4ScrollText\nHello\n"), "--oneshot"});
     EXPECT_EQ(r.exit_status, 0) << r.err;
     const auto status = nlohmann::json::parse(t4test::read_file(dir / ".item.txt.t4mi/status.json"));
     EXPECT_EQ(status["ready"], 1);
@@ -227,6 +227,7 @@ TEST_F(Startup, ServingRunReportsReadiness)
                          "** PLEASE REVIEW FOR DEBUGGING PURPOSES TO CATCH TNB MEMORY LEAKS\n"
                          "============================\n"),
               std::string::npos);
+    EXPECT_NE(r.err.find("Oneshot\n--------------REMAINING"), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("Cleaning up\nHousekeeping shut down\nFreeing cache 0x"), std::string::npos) << r.err;
 }
 
@@ -271,7 +272,7 @@ TEST_F(Startup, LogSwitchSendsStandardErrorToTheItemsLog)
 TEST_F(Startup, DaemonDetachesAndDumpsItsDescriptors)
 {
     // Standard error is a pipe, not a terminal, so the detached process keeps it.
-    const auto r = run({"--file", item("#Tevrin4ScrollText\nHello\n"), "--daemon"});
+    const auto r = run({"--file", item("#Tevrin4ScrollText\nHello\n"), "--daemon", "--oneshot"});
     EXPECT_EQ(r.exit_status, 0) << r.err;
     EXPECT_NE(r.err.find("Daemonizing\n--------------------- ON CLOSURE OF THIS PROCESS (DEBUG) "
                          "----------------------\n"),

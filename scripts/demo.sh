@@ -10,7 +10,7 @@ out="$here/out"
 rm -rf "$out"
 mkdir -p "$out"
 cp "$here/examples/ticker.txt" "$out/ticker.txt"
-"$here/build/tools/t4mi_render" --item "$out/ticker.txt" --size 1920x108 --aspect 16:9 --seconds 10 \
+"$here/build/tools/t4mi_render" --item "$out/ticker.txt" --size 1920x108 --seconds 10 \
   --out "$out/ticker.y4m" --sheet "$out/ticker-preview.png"
 echo "demo: video   $out/ticker.y4m (1920x108 yuva444p, 30000/1001 fps; play it with: ffplay $out/ticker.y4m)"
 echo "demo: preview $out/ticker-preview.png"

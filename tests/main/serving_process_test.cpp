@@ -7,7 +7,9 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <cerrno>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <thread>
@@ -326,6 +328,50 @@ TEST_F(ServingProcess, SigtermShutsDownInOrderWithNoBufferLeft)
     EXPECT_NE(err.find(report), std::string::npos) << err;
     struct stat st {};
     EXPECT_NE(lstat(sock.c_str(), &st), 0) << "the socket file outlived the process";
+}
+
+TEST_F(ServingProcess, TheSocketIsOwnerOnly)
+{
+    start();
+    struct stat st {};
+    ASSERT_EQ(lstat(proc->socket_path().c_str(), &st), 0);
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    stop();
+}
+
+TEST_F(ServingProcess, ADaemonServesOnTheSocketItMadeAgain)
+{
+    std::vector<std::string> args = {"--file", item_path, "--metadir", dir / "meta", "--daemon"};
+    proc = std::make_unique<t4test::serving_process>(t4test::serving_binary(), args, fonts.env());
+    int parent_status = -2;
+    ASSERT_TRUE(proc->wait_exit(10000, &parent_status));
+    EXPECT_EQ(parent_status, 0);
+    ASSERT_TRUE(proc->wait_ready(dir / "meta", 20000, true)) << proc->err();
+    const auto status = nlohmann::json::parse(t4test::read_file(dir / "meta/status.json"));
+    const pid_t daemon_pid = status["pid"].get<int>();
+    auto c = client();
+    ASSERT_TRUE(c && c->send_settings(ticker_settings(64, 16)));
+    t4mi_client_frame f;
+    ASSERT_TRUE(c->request_frame(0, 0, 0, &f)) << c->error();
+    comm_socket_v4_packet p;
+    p.command = "exit";
+    t4mi_client_reply r;
+    ASSERT_TRUE(c->call(p, &r));
+    EXPECT_EQ(r.packet.status, "OK");
+    bool gone = false;
+    for (int i = 0; i < 2000 && !gone; i++) {
+        // Ended: no such process, or a zombie waiting for whoever adopted it.
+        const std::string stat = t4test::read_file("/proc/" + std::to_string(daemon_pid) + "/stat");
+        const auto paren = stat.rfind(')');
+        gone = (kill(daemon_pid, 0) != 0 && errno == ESRCH) ||
+               (paren != std::string::npos && stat.size() > paren + 2 && stat[paren + 2] == 'Z');
+        if (!gone)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_TRUE(gone);
+    EXPECT_NE(proc->err().find("Caller requested to exit\n"), std::string::npos) << proc->err();
+    EXPECT_FALSE(fs::exists(dir / "meta/control.sock"));
 }
 
 TEST_F(ServingProcess, OneShotServesOneTurnAndShutsDown)

@@ -164,8 +164,9 @@ TEST_F(ClientSettings, SettingsFlushTheFramesNobodyHolds)
     ASSERT_NE(held, nullptr);
     ASSERT_NE(load_frame(ctx.reader, 2, 0, &ctx, 0), nullptr);
     held->addref(0);
+    const uint64_t gen = ctx.layout_generation;   // the first frame may have parsed and laid out again
     ctx.apply_client_settings(settings(64, 16));  // same size: no layout, still a flush
-    EXPECT_EQ(ctx.layout_generation, 1u);
+    EXPECT_EQ(ctx.layout_generation, gen);
     EXPECT_EQ(ctx.reader->frame_manager.size(), 1u);
     EXPECT_EQ(ctx.reader->frame_manager.find_frame(1, 0), held);
     held->deref(0);

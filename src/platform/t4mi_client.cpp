@@ -119,14 +119,18 @@ bool t4mi_client::wait_io(short events, int64_t deadline_ms)
         if (left <= 0)
             return false;
         pollfd p{fd, events, 0};
-        // With a hook the server runs in this thread: wake up often for it.
+        // With a hook the server runs in this thread: let it work first,
+        // then look, and wake up often for it.
+        if (idle_hook) {
+            idle_hook();
+            if (poll(&p, 1, 0) > 0)
+                return true;
+        }
         const int n = poll(&p, 1, idle_hook ? 1 : int(std::min<int64_t>(left, 1000)));
         if (n > 0)
             return true;
         if (n < 0 && errno != EINTR)
             return false;
-        if (idle_hook)
-            idle_hook();
     }
 }
 

@@ -192,13 +192,13 @@ bool serving_process::running()
     return r == 0;
 }
 
-bool serving_process::wait_ready(const std::string& metadir, int timeout_ms)
+bool serving_process::wait_ready(const std::string& metadir, int timeout_ms, bool detaches)
 {
     const int64_t deadline = now_ms() + timeout_ms;
     while (now_ms() < deadline) {
         if (t4mi_client_read_ready(metadir, &socket))
             return true;
-        if (!running())
+        if (!running() && !detaches)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }

@@ -71,7 +71,8 @@ public:
     // Kills the process if it still runs.
     ~serving_process();
     // Waits until "<metadir>/status.json" says ready; fills socket_path().
-    bool wait_ready(const std::string& metadir, int timeout_ms = 20000);
+    // With `detaches` the started process may end first (a daemon's parent).
+    bool wait_ready(const std::string& metadir, int timeout_ms = 20000, bool detaches = false);
     const std::string& socket_path() const { return socket; }
     pid_t pid() const { return child; }
     // Sends `sig` and waits up to `timeout_ms` for the exit. True when it

@@ -1,0 +1,28 @@
+// The program's process-wide font state set up as start-up leaves it, for
+// tests that render in this process: a redirected installation (fixed_root),
+// a font list of no fonts but the built-in faces (private_fontconfig), the
+// FreeType library with the default and emoji faces, and the font catalogue.
+// Torn down in reverse on destruction.
+#pragma once
+
+#include "support/test_env.h"
+
+namespace t4test {
+
+class program_fonts {
+public:
+    program_fonts();
+    ~program_fonts();
+    program_fonts(const program_fonts&) = delete;
+    program_fonts& operator=(const program_fonts&) = delete;
+    bool ready() const { return loaded; }
+    // Environment entries that give a child process the same setup.
+    std::vector<std::string> env() const { return {root.env(), fonts.env()}; }
+
+private:
+    fixed_root root;
+    private_fontconfig fonts{{}};
+    bool loaded = false;
+};
+
+} // namespace t4test

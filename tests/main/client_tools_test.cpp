@@ -40,8 +40,6 @@ class ServingProcessTools : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        if (!t4test::serving_process_tests_enabled())
-            GTEST_SKIP() << "process-level serving tests are off in this build";
         ASSERT_TRUE(fonts.ready());
         ASSERT_FALSE(t4test::render_tool_binary().empty());
         item_path = dir / "ticker.txt";
@@ -56,7 +54,7 @@ protected:
     void start_server()
     {
         server = std::make_unique<t4test::serving_process>(
-            t4test::serving_binary(), std::vector<std::string>{"--file", item_path, "--metadir", dir / "meta"},
+            t4test::scrolltext_binary(), std::vector<std::string>{"--file", item_path, "--metadir", dir / "meta"},
             fonts.env());
         ASSERT_TRUE(server->wait_ready(dir / "meta")) << server->err();
     }
@@ -70,7 +68,7 @@ protected:
 TEST_F(ServingProcessTools, RenderWritesAY4mThatFfmpegReadsAsYuva444p)
 {
     const auto r = run(t4test::render_tool_binary(),
-                       {"--item", item_path, "--server", t4test::serving_binary(), "--out", dir / "out.y4m", "--size",
+                       {"--item", item_path, "--server", t4test::scrolltext_binary(), "--out", dir / "out.y4m", "--size",
                         "320x64", "--frames", "30", "--png-dir", dir / "png", "--png-every", "10", "--sheet",
                         dir / "sheet.png"});
     ASSERT_EQ(r.exit_status, 0) << r.err;

@@ -1,7 +1,5 @@
 // Serving through the real process, its socket and its shared memory.
 //
-// These need a serve loop in the binary they start; they are skipped unless
-// the build enables them (T4MI_SERVING_PROCESS_TESTS, tests/CMakeLists.txt).
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -71,8 +69,6 @@ class ServingProcess : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        if (!t4test::serving_process_tests_enabled())
-            GTEST_SKIP() << "process-level serving tests are off in this build";
         ASSERT_TRUE(fonts.ready());
         item_path = dir / "ticker.txt";
         t4test::write_file(item_path, ITEM);
@@ -83,7 +79,7 @@ protected:
     {
         std::vector<std::string> args = {"--file", item_path, "--metadir", dir / "meta"};
         args.insert(args.end(), extra.begin(), extra.end());
-        proc = std::make_unique<t4test::serving_process>(t4test::serving_binary(), args, fonts.env());
+        proc = std::make_unique<t4test::serving_process>(t4test::scrolltext_binary(), args, fonts.env());
         ASSERT_TRUE(proc->wait_ready(dir / "meta")) << proc->err();
     }
 
@@ -343,7 +339,7 @@ TEST_F(ServingProcess, TheSocketIsOwnerOnly)
 TEST_F(ServingProcess, ADaemonServesOnTheSocketItMadeAgain)
 {
     std::vector<std::string> args = {"--file", item_path, "--metadir", dir / "meta", "--daemon"};
-    proc = std::make_unique<t4test::serving_process>(t4test::serving_binary(), args, fonts.env());
+    proc = std::make_unique<t4test::serving_process>(t4test::scrolltext_binary(), args, fonts.env());
     int parent_status = -2;
     ASSERT_TRUE(proc->wait_exit(10000, &parent_status));
     EXPECT_EQ(parent_status, 0);

@@ -229,8 +229,6 @@ std::string serving_process::err() const { return read_file(err_file); }
 
 // --- binaries -------------------------------------------------------------------
 
-std::string serving_binary() { return T4MI_SERVING_BIN; }
-bool serving_process_tests_enabled() { return T4MI_SERVING_PROCESS_TESTS != 0; }
 std::string render_tool_binary() { return T4MI_RENDER_BIN; }
 std::string control_tool_binary() { return T4MI_CONTROL_BIN; }
 

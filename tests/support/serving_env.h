@@ -93,11 +93,6 @@ private:
     std::string err_file;
 };
 
-// The binary the process-level serving tests start: the program, or the one
-// chosen when the build was configured (see tests/CMakeLists.txt).
-std::string serving_binary();
-// Whether process-level serving tests run in this build.
-bool serving_process_tests_enabled();
 std::string render_tool_binary();
 std::string control_tool_binary();
 

@@ -116,6 +116,9 @@ void four_lines_1920x1080(benchmark::State& state)
     run(state, item_file("#-multiLine=4\n", FOUR_LINES_TEXT), 1920, 1080, 60, 240);
 }
 
+// Beside FFmpeg's one-line 1080 scene: one line of about 1000 px glyphs.
+void one_line_1920x1080(benchmark::State& state) { run(state, item_file("", TICKER_TEXT), 1920, 1080, 60, 400); }
+
 // (c) the ticker of (a) with colour emoji from the emoji images.
 void emoji_ticker_1920x108(benchmark::State& state)
 {
@@ -131,5 +134,6 @@ void background_only_1920x1080(benchmark::State& state) { run(state, item_file("
 BENCHMARK(ticker_1920x108)->Unit(benchmark::kMicrosecond);
 BENCHMARK(four_lines_1920x1080)->Unit(benchmark::kMicrosecond);
 BENCHMARK(emoji_ticker_1920x108)->Unit(benchmark::kMicrosecond);
+BENCHMARK(one_line_1920x1080)->Unit(benchmark::kMicrosecond);
 BENCHMARK(background_only_1920x108)->Unit(benchmark::kMicrosecond);
 BENCHMARK(background_only_1920x1080)->Unit(benchmark::kMicrosecond);

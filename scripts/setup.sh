@@ -9,7 +9,7 @@ here=$(cd "$(dirname "$0")/.." && pwd)
 packages=(
   g++ cmake make pkg-config python3
   libfreetype-dev libfontconfig-dev libxml2-dev libpng-dev nlohmann-json3-dev curl
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev libbenchmark-dev ffmpeg
   fonts-liberation fonts-symbola fonts-noto-color-emoji fonts-wqy-microhei
 )
 

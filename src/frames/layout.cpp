@@ -79,11 +79,12 @@ void scrolling_text_client_context::recompute_text_times()
     const int64_t H = reader->frame_height;
     const int64_t L = line_count;
     const uint64_t line_height = uint64_t(H / L);
-    const double per_line = double(H) / double(L);
-    // A negative blur setting would break the shadow filter; it means no blur.
-    shadow_blur_radius = std::max(0, round_half_up(s.shadowBlur * per_line));
-    shadow_offset_x = round_half_up(s.shadowX * per_line);
-    shadow_offset_y = round_half_up(s.shadowY * per_line);
+    // The settings are fractions of one line height: setting x H / L, in that
+    // order. Deliberate: a negative blur setting gives radius 0 (no blur)
+    // instead of stopping the process in the shadow filter.
+    shadow_blur_radius = std::max(0, round_half_up(s.shadowBlur * double(H) / double(L)));
+    shadow_offset_x = round_half_up(s.shadowX * double(H) / double(L));
+    shadow_offset_y = round_half_up(s.shadowY * double(H) / double(L));
 
     auto kern = [&](int32_t previous, int32_t code) { return previous == 0 ? 0 : kerning_between(this, previous, code); };
     auto advance_of = [&](int32_t code) {
@@ -111,7 +112,9 @@ void scrolling_text_client_context::recompute_text_times()
                 previous = 0;
                 continue;
             }
-            w += kern(previous, run.code) + advance_of(run.code);
+            // Kerning first: it reads the face at the size the last glyph load set.
+            const int32_t k = kern(previous, run.code);
+            w += k + advance_of(run.code);
             previous = run.code;
         }
         if (w != 0)
@@ -164,7 +167,8 @@ void scrolling_text_client_context::recompute_text_times()
                 previous = 0;
             } else {
                 // No further line: the line feed reads as a space.
-                pen += uint64_t(kern(previous, ' ') + advance_of(' '));
+                const int32_t k = kern(previous, ' ');
+                pen += uint64_t(k + advance_of(' '));
                 previous = ' ';
             }
         } else {

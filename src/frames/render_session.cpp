@@ -1,9 +1,11 @@
 #include "frames/render_session.h"
 
 #include <algorithm>
+#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "fonts/builtin_faces.h"
 #include "fonts/font_catalogue.h"
 #include "fonts/font_globals.h"
 #include "frames/compositor.h"
@@ -37,30 +39,14 @@ render_session::~render_session()
     tnb_alloc_freeall();
     tnb_default_buffer_drop();
     clear_font_catalogue();
-    for (FT_Face* face : {&default_face, &emoji_face})
-        if (*face != nullptr) {
-            FT_Done_Face(*face);
-            *face = nullptr;
-        }
-    FT_Done_FreeType(ft_library);
-    ft_library = nullptr;
+    close_builtin_faces();
 }
 
 bool render_session::open(uint64_t budget, std::string* err)
 {
-    if (FT_Init_FreeType(&ft_library) != 0) {
-        *err = "Unable to initialize FreeType library";
-        return false;
-    }
     opened = true;
-    if (FT_New_Face(ft_library, t4mi_fixed_path(T4MI_DEFAULT_FONT_PATH).c_str(), 0, &default_face) != 0) {
-        default_face = nullptr;
-        *err = "Unable to load default font";
-        return false;
-    }
-    if (FT_New_Face(ft_library, t4mi_fixed_path(T4MI_EMOJI_FONT_PATH).c_str(), 0, &emoji_face) != 0) {
-        emoji_face = nullptr;
-        *err = "Unable to load default emoji font";
+    if (const char* failure = open_builtin_faces()) {
+        err->assign(failure, std::strlen(failure) - 1);
         return false;
     }
     build_font_catalogue();

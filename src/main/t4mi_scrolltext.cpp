@@ -14,6 +14,7 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include "fonts/builtin_faces.h"
 #include "fonts/font_catalogue.h"
 #include "fonts/font_globals.h"
 #include "frames/client_context.h"
@@ -90,18 +91,8 @@ int derive_parameters()
 
 int open_faces()
 {
-    if (FT_Init_FreeType(&ft_library) != 0) {
-        std::fprintf(stderr, "Unable to initialize FreeType library\n");
-        return 1;
-    }
-    if (FT_New_Face(ft_library, t4mi_fixed_path(T4MI_DEFAULT_FONT_PATH).c_str(), 0, &default_face) != 0) {
-        default_face = nullptr;
-        std::fprintf(stderr, "Unable to load default font\n");
-        return 1;
-    }
-    if (FT_New_Face(ft_library, t4mi_fixed_path(T4MI_EMOJI_FONT_PATH).c_str(), 0, &emoji_face) != 0) {
-        emoji_face = nullptr;
-        std::fprintf(stderr, "Unable to load default emoji font\n");
+    if (const char* failure = open_builtin_faces()) {
+        std::fputs(failure, stderr);
         return 1;
     }
     return -1;

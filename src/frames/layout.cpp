@@ -21,8 +21,16 @@ constexpr int32_t PARAGRAPH_END = 31;
 // the compositor skips it.
 constexpr int32_t MISSING_GLYPH_ADVANCE = 4;
 
-// floor(v + 0.5), truncated to 32 bits: half rounds up.
-int32_t round_half_up(double v) { return int32_t(int64_t(std::floor(v + 0.5))); }
+// floor(v + 0.5), truncated to 32 bits: half rounds up. Settings such as
+// "nan" or "inf" parse as numbers, so the conversion saturates (NaN gives 0)
+// instead of being undefined.
+int32_t round_half_up(double v)
+{
+    const double r = std::floor(v + 0.5);
+    if (std::isnan(r))
+        return 0;
+    return int32_t(int64_t(std::clamp(r, -9.2e18, 9.2e18)));
+}
 
 // A double to unsigned 64 bits by truncation, 0 for negatives and NaN, so a
 // wild speed can never make the conversion undefined.

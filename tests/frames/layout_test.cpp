@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 
 #include <cmath>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -386,6 +387,28 @@ TEST_F(Layout, NeedsTheReader)
     EXPECT_THAT(r.err, ::testing::HasSubstr(
                            "t4mi_scrolltext: void scrolling_text_client_context::recompute_text_times(): "
                            "Assertion `reader != NULL' failed.\n"));
+}
+
+} // namespace
+} // namespace t4test
+
+namespace t4test {
+namespace {
+
+TEST_F(Layout, SettingsThatParseAsNanOrInfinityStayDefined)
+{
+    // strtod reads "nan" and "inf": the layout must not turn them into undefined conversions.
+    auto* ctx = make_context(1920, 108, 30000, 1001);
+    scroll_settings.space = std::nan("");
+    scroll_settings.shadowBlur = std::numeric_limits<double>::infinity();
+    scroll_settings.shadowX = std::nan("");
+    lay_out(ctx, "AB");
+    EXPECT_EQ(ctx->shadow_offset_x, 0);
+    EXPECT_EQ(ctx->placement_count, 2u);
+    scroll_settings.space = std::numeric_limits<double>::infinity();
+    scroll_settings.shadowBlur = 0.02;
+    lay_out(ctx, "AB");
+    EXPECT_EQ(ctx->placement_count, 2u);
 }
 
 } // namespace

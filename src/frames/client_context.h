@@ -40,7 +40,7 @@ public:
     // Takes schedule data (JSON text in the packet's blob, read up to its
     // first NUL; null packet or bad JSON: null data). Marks the text for
     // re-parsing when the data changed. Returns true when nothing changed.
-    virtual bool apply_data_packet(const comm_socket_v4_packet* packet);
+    bool apply_data_packet(const comm_socket_v4_packet* packet) override;
     // Rebuilds `runs` from scroll_settings.text: clears parse_pending and both
     // deadlines, resets `style` to the item's colours, then walks the text and
     // its "%{...}%" fields. A field body longer than 511 bytes never returns

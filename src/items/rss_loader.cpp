@@ -93,7 +93,7 @@ const char* read_feed_file(int fd)
         const ssize_t n = read(fd, buffer + have, size_t(RSS_FEED_MAX_BYTES) - have);
         if (n < 0 && errno == EINTR)
             continue;
-        if (n <= 0)
+        if (n <= 0) // the end, an error, or (a pipe) nothing there yet
             break;
         have += size_t(n);
     }
@@ -150,7 +150,9 @@ void load_rss_feed()
         feed_url = url;
     }
 
-    const fd_owner feed(openat(t4mi_meta->meta_name_fd, "rss.xml", O_RDONLY | O_CLOEXEC));
+    // Non-blocking, so that something other than a file at that name (a pipe
+    // nobody writes to) cannot hold up the serve loop; a file reads as ever.
+    const fd_owner feed(openat(t4mi_meta->meta_name_fd, "rss.xml", O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (feed.get() < 0) {
         std::fprintf(stderr, "Unable to open RSS\n");
         return;

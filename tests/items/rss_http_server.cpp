@@ -105,8 +105,29 @@ silent_listener::silent_listener()
 
 silent_listener::~silent_listener()
 {
+    for (int c : taken)
+        close(c);
     if (fd >= 0)
         close(fd);
+}
+
+int silent_listener::take_connections(int timeout_ms)
+{
+    if (fd < 0)
+        return 0;
+    pollfd p{fd, POLLIN, 0};
+    if (poll(&p, 1, timeout_ms) > 0)
+        for (;;) {
+            const int c = accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+            if (c < 0)
+                break;
+            taken.push_back(c);
+            // Only what is already queued: the listening socket blocks.
+            pollfd more{fd, POLLIN, 0};
+            if (poll(&more, 1, 0) <= 0)
+                break;
+        }
+    return int(taken.size());
 }
 
 scoped_env::scoped_env(const char* name_, const char* value) : name(name_)

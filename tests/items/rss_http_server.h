@@ -5,6 +5,7 @@
 
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 namespace rss_test {
 
@@ -27,8 +28,9 @@ private:
     int listening_port = 0;
 };
 
-// A socket listening on 127.0.0.1 that never accepts: a client's connection
-// completes in the kernel's backlog and its request is never answered.
+// A socket listening on 127.0.0.1 that never answers: a client's connection
+// completes in the kernel's backlog (or is taken off it and held) and its
+// request is never answered. Closing it ends the waiting clients' connections.
 class silent_listener {
 public:
     silent_listener();
@@ -36,10 +38,15 @@ public:
     silent_listener(const silent_listener&) = delete;
     silent_listener& operator=(const silent_listener&) = delete;
     int port() const { return listening_port; }
+    // Waits up to `timeout_ms` for a connection, then takes every connection
+    // queued so far off the backlog and holds it open, still unanswered.
+    // Returns how many connections have been taken in all.
+    int take_connections(int timeout_ms);
 
 private:
     int fd = -1;
     int listening_port = 0;
+    std::vector<int> taken;
 };
 
 // Sets (or, with a null value, removes) an environment variable while it

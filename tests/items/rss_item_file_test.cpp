@@ -3,13 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <cstdio>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "items/rss_loader.h"
 #include "items/scroll_settings.h"
 #include "platform/clock.h"
 #include "platform/t4mi_globals.h"
 #include "rss_fixture.h"
+#include "support/test_env.h"
 
 namespace {
 
@@ -241,6 +244,39 @@ TEST_F(RssItemFile, MissingFeedFileKeepsThePreviousText)
     EXPECT_EQ(err.text(), "Unable to open RSS\n");
     EXPECT_EQ(scroll_settings.text, "previous");
     EXPECT_EQ(scroll_settings.scrollSpeed, 2.0); // the settings were loaded all the same
+}
+
+TEST_F(RssItemFile, APipeInPlaceOfTheFeedFileNeverHoldsTheLoaderUp)
+{
+    write_item("#Tevrin4RSS\nurl=http://127.0.0.1/feed\n");
+    ASSERT_EQ(mkfifo(meta_path("rss.xml").c_str(), 0600), 0);
+    // In a child with a time limit, so that a loader that waits cannot hang
+    // the test program. Nothing to read counts as an empty feed, which does
+    // not parse: empty text and both warnings.
+    const auto load = [] {
+        return t4test::run_in_child(
+            [] {
+                scroll_settings.text = "previous";
+                load_rss_feed();
+                std::printf("[%s]", scroll_settings.text.c_str());
+                std::fflush(stdout);
+            },
+            5000);
+    };
+    const std::string warnings = "WARNING: Did not find RSS node\nWARNING: Did not find channel node\n";
+    // No writer: opening a pipe for reading would wait for one.
+    auto r = load();
+    EXPECT_FALSE(r.timed_out);
+    EXPECT_EQ(r.out, "[]");
+    EXPECT_NE(r.err.find(warnings), std::string::npos) << r.err;
+    // A writer that never writes: reading would wait for data.
+    const int writer = open(meta_path("rss.xml").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(writer, 0);
+    r = load();
+    close(writer);
+    EXPECT_FALSE(r.timed_out);
+    EXPECT_EQ(r.out, "[]");
+    EXPECT_NE(r.err.find(warnings), std::string::npos) << r.err;
 }
 
 TEST_F(RssItemFile, FeedFileGivesTheText)

@@ -154,7 +154,10 @@ serving_process::serving_process(const std::string& binary, const std::vector<st
         dup2(err_fd, 2);
         for (const auto& e : env) {
             const auto eq = e.find('=');
-            setenv(e.substr(0, eq).c_str(), e.substr(eq + 1).c_str(), 1);
+            if (eq == std::string::npos)
+                unsetenv(e.c_str());
+            else
+                setenv(e.substr(0, eq).c_str(), e.substr(eq + 1).c_str(), 1);
         }
         std::vector<char*> argv;
         argv.push_back(const_cast<char*>(binary.c_str()));

@@ -64,8 +64,9 @@ private:
 
 class serving_process {
 public:
-    // Starts `binary` with `args` and extra environment entries; standard
-    // error goes to a file. Does not wait.
+    // Starts `binary` with `args` and extra environment entries ("NAME=value";
+    // a bare "NAME" removes the variable); standard error goes to a file.
+    // Does not wait.
     serving_process(const std::string& binary, const std::vector<std::string>& args,
                     const std::vector<std::string>& env);
     // Kills the process if it still runs.

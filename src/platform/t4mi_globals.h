@@ -51,8 +51,8 @@ extern int t4mi_should_exit;             // a client asked the process to exit
 extern uint64_t mono_auto_shutdown;      // monotonic µs; 0: no deadline
 extern int json_next_xmit_rebuild;
 extern uint64_t json_next_xmit;
-extern uint64_t picture_flush_deref_delay; // µs a released frame is kept
-extern uint64_t picture_auto_deref_delay;  // µs an unreleased frame is kept
+extern uint64_t picture_flush_deref_delay; // µs: 0.5 s; a released frame stays cached this plus the next
+extern uint64_t picture_auto_deref_delay;  // µs: 2 s; a hold's life, after which the server releases it
 extern uint64_t tnb_total;                 // frame-buffer budget in bytes
 extern int image_tnb_buffer_fd;
 extern int image_tnb_buffer;

@@ -17,6 +17,7 @@
 #include "frames/frame_buffer.h"
 #include "frames/reader.h"
 #include "items/scroll_settings.h"
+#include "main/serving_fixture.h"
 #include "platform/packet_codec.h"
 #include "platform/t4mi_client.h"
 #include "support/frame_env.h"
@@ -27,14 +28,6 @@
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr const char* ITEM =
-    "#Tevrin4ScrollText\n"
-    "#-backgroundColor=ff0000\n"
-    "#-backgroundOpacity=0.5\n"
-    "#-scrollSpeed=1\n"
-    "#-multiLine=1\n"
-    "Breaking news: the ticker scrolls\n";
 
 t4mi_client_settings ticker_settings(int32_t w = 1920, int32_t h = 108)
 {
@@ -65,49 +58,7 @@ std::string compare(const t4mi_client_frame& got, const t4mi_video_frame* want)
     return {};
 }
 
-class ServingProcess : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(fonts.ready());
-        item_path = dir / "ticker.txt";
-        t4test::write_file(item_path, ITEM);
-    }
-
-    // Starts the server on the item with `extra` switches; waits until ready.
-    void start(const std::vector<std::string>& extra = {})
-    {
-        std::vector<std::string> args = {"--file", item_path, "--metadir", dir / "meta"};
-        args.insert(args.end(), extra.begin(), extra.end());
-        proc = std::make_unique<t4test::serving_process>(t4test::scrolltext_binary(), args, fonts.env());
-        ASSERT_TRUE(proc->wait_ready(dir / "meta")) << proc->err();
-    }
-
-    std::unique_ptr<t4mi_client> client()
-    {
-        auto c = std::make_unique<t4mi_client>();
-        c->timeout_ms = 10000;
-        if (!c->connect(proc->socket_path(), 5000)) {
-            ADD_FAILURE() << c->error();
-            return nullptr;
-        }
-        return c;
-    }
-
-    // Stops the server with SIGTERM and returns its standard error.
-    std::string stop()
-    {
-        int status = -2;
-        EXPECT_TRUE(proc->stop(SIGTERM, 15000, &status));
-        EXPECT_EQ(status, 0);
-        return proc->err();
-    }
-
-    t4test::temp_dir dir;
-    t4test::program_fonts fonts;
-    std::string item_path;
-    std::unique_ptr<t4test::serving_process> proc;
-};
+class ServingProcess : public t4test::serving_process_test {};
 
 TEST_F(ServingProcess, Frames0And100EqualTheInProcessRendererByteForByte)
 {

@@ -148,6 +148,7 @@ protected:
         fake_reference::serve_while_rendering = false;
         fake_reference::renders = 0;
         custom_calls = 0;
+        saved_auto_deref_delay = picture_auto_deref_delay;
         on_t4mi_custom_packet = test_custom_handler;
         meta_to_json(nullptr);
         item_to_json_common();
@@ -155,7 +156,7 @@ protected:
     void TearDown() override
     {
         on_t4mi_custom_packet = nullptr;
-        picture_auto_deref_delay = 10000000;
+        picture_auto_deref_delay = saved_auto_deref_delay;
         t4mi_clock_set_monotonic_offset_us(0);
     }
 
@@ -168,6 +169,7 @@ protected:
 
     t4test::shared_buffer_session buffers;
     t4test::control_server server;
+    uint64_t saved_auto_deref_delay = 0;
 };
 
 TEST_F(ControlServer, TheSocketIsOwnerOnlyAndGoesAwayWithTheServer)

@@ -1,0 +1,198 @@
+#include "main/serving_fixture.h"
+
+#include <chrono>
+#include <csignal>
+#include <ctime>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+#include "frames/compositor.h"
+#include "frames/frame_buffer.h"
+#include "frames/reader.h"
+#include "items/scroll_settings.h"
+#include "platform/packet.h"
+
+namespace t4test {
+
+t4mi_client_settings picture_settings(int32_t width, int32_t height)
+{
+    t4mi_client_settings s;
+    s.width = width;
+    s.height = height;
+    s.time_scale = 30000;
+    s.frame_duration = 1001;
+    return s;
+}
+
+// --- plane_copy -----------------------------------------------------------------
+
+bool plane_copy::any_alpha() const
+{
+    for (uint8_t b : a)
+        if (b != 0)
+            return true;
+    return false;
+}
+
+namespace {
+void copy_plane(std::vector<uint8_t>& out, const uint8_t* plane, uint32_t stride, uint32_t width, uint32_t height)
+{
+    out.clear();
+    if (plane == nullptr)
+        return;
+    out.reserve(size_t(width) * height);
+    for (uint32_t row = 0; row < height; row++)
+        out.insert(out.end(), plane + size_t(row) * stride, plane + size_t(row) * stride + width);
+}
+} // namespace
+
+plane_copy copy_planes(const t4mi_client_frame& f)
+{
+    plane_copy c;
+    c.width = f.width;
+    c.height = f.height;
+    copy_plane(c.y, f.y, f.y_stride, f.width, f.height);
+    copy_plane(c.u, f.u, f.u_stride, f.width, f.height);
+    copy_plane(c.v, f.v, f.v_stride, f.width, f.height);
+    copy_plane(c.a, f.alpha, f.alpha_stride, f.width, f.height);
+    return c;
+}
+
+plane_copy copy_planes(const t4mi_video_frame* frame)
+{
+    plane_copy c;
+    yuva_frame_planes p;
+    if (frame == nullptr || !map_frame_planes(frame, &p))
+        return c;
+    c.width = p.width;
+    c.height = p.height;
+    copy_plane(c.y, p.y, p.y_stride, p.width, p.height);
+    copy_plane(c.u, p.u, p.chroma_stride, p.width, p.height);
+    copy_plane(c.v, p.v, p.chroma_stride, p.width, p.height);
+    copy_plane(c.a, p.alpha, p.alpha_stride, p.width, p.height);
+    return c;
+}
+
+std::string first_difference(const plane_copy& got, const plane_copy& want)
+{
+    if (got.width != want.width || got.height != want.height)
+        return "sizes differ: " + std::to_string(got.width) + "x" + std::to_string(got.height) + " against " +
+               std::to_string(want.width) + "x" + std::to_string(want.height);
+    const std::vector<uint8_t>* g[4] = {&got.y, &got.u, &got.v, &got.a};
+    const std::vector<uint8_t>* w[4] = {&want.y, &want.u, &want.v, &want.a};
+    for (int p = 0; p < 4; p++) {
+        if (g[p]->size() != w[p]->size())
+            return "plane " + std::to_string(p) + " missing";
+        for (size_t i = 0; i < g[p]->size(); i++)
+            if ((*g[p])[i] != (*w[p])[i])
+                return "plane " + std::to_string(p) + " row " + std::to_string(i / got.width) + " column " +
+                       std::to_string(i % got.width);
+    }
+    return {};
+}
+
+// --- local_renderer -------------------------------------------------------------
+
+local_renderer::local_renderer(const std::string& content, const std::string& mime_type,
+                               const t4mi_client_settings& settings)
+    : item(content, mime_type)
+{
+    scroll_settings = scroll_settings_record{};  // as a fresh process holds it before its first load
+    load_message();
+    context = std::make_unique<scrolling_text_client_context>(1);
+    context->apply_client_settings(settings);
+}
+
+local_renderer::~local_renderer()
+{
+    context.reset();
+    scroll_settings = scroll_settings_record{};
+}
+
+void local_renderer::set_text(const std::string& text)
+{
+    scroll_settings.text = text;
+    context->text_dirty = true;
+}
+
+void local_renderer::send_data(const std::string& json)
+{
+    comm_socket_v4_packet p;
+    p.command = "data";
+    p.set_data(json.data(), json.size());
+    context->apply_data_packet(&p);
+}
+
+plane_copy local_renderer::frame(uint64_t n)
+{
+    t4mi_video_frame* f = load_frame(context->reader, n, 0, context.get(), 0);
+    EXPECT_NE(f, nullptr) << "frame " << n << " not rendered in this process";
+    return copy_planes(f);
+}
+
+// --- serving_process_test -------------------------------------------------------
+
+void serving_process_test::SetUp()
+{
+    ASSERT_TRUE(fonts.ready());
+    item_path = dir / "ticker.txt";
+    write_file(item_path, ITEM);
+}
+
+void serving_process_test::start(const std::vector<std::string>& extra)
+{
+    std::vector<std::string> args = {"--file", item_path, "--metadir", dir / "meta"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    proc = std::make_unique<serving_process>(scrolltext_binary(), args, fonts.env());
+    ASSERT_TRUE(proc->wait_ready(dir / "meta")) << proc->err();
+}
+
+std::unique_ptr<t4mi_client> serving_process_test::client()
+{
+    auto c = std::make_unique<t4mi_client>();
+    c->timeout_ms = 10000;
+    if (!c->connect(proc->socket_path(), 5000)) {
+        ADD_FAILURE() << c->error();
+        return nullptr;
+    }
+    return c;
+}
+
+std::string serving_process_test::stop()
+{
+    int status = -2;
+    EXPECT_TRUE(proc->stop(SIGTERM, 15000, &status));
+    EXPECT_EQ(status, 0);
+    return proc->err();
+}
+
+size_t serving_process_test::wait_for_err(const std::string& needle, int timeout_ms, size_t from,
+                                          const std::function<void()>& meanwhile)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    for (;;) {
+        const size_t at = proc->err().find(needle, from);
+        if (at != std::string::npos || std::chrono::steady_clock::now() > deadline)
+            return at;
+        if (meanwhile)
+            meanwhile();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+void serving_process_test::edit_item(const std::string& content)
+{
+    // In place, as an editor that keeps the inode would.
+    const int fd = open(item_path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(write(fd, content.data(), content.size()), ssize_t(content.size()));
+    close(fd);
+    // Whole seconds ahead of the clock, a different second at every edit: the
+    // watch would miss an edit in the same second as the load.
+    const timespec times[2] = {{0, UTIME_OMIT}, {std::time(nullptr) + 100 + 10 * ++edits, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, item_path.c_str(), times, 0), 0);
+}
+
+} // namespace t4test

@@ -20,6 +20,11 @@ class FontCatalogue : public ::testing::Test {
 protected:
     void SetUp() override
     {
+        // Other suites of this program keep their own faces open: stand in for them.
+        saved_library = ft_library;
+        saved_default = default_face;
+        saved_catalogue = std::move(font_catalogue);
+        font_catalogue.clear();
         ASSERT_EQ(FT_Init_FreeType(&ft_library), 0);
         ASSERT_EQ(FT_New_Face(ft_library, t4test::LIBERATION_SANS, 0, &default_face), 0);
         scroll_settings = scroll_settings_record{};
@@ -31,8 +36,9 @@ protected:
         FT_Done_Face(default_face);
         default_face = nullptr;
         FT_Done_FreeType(ft_library);
-        ft_library = nullptr;
-        FcFini();
+        ft_library = saved_library;
+        default_face = saved_default;
+        font_catalogue = std::move(saved_catalogue);
     }
 
     // Lists exactly these files (linked into the private font directory) and builds.
@@ -44,6 +50,9 @@ protected:
         build_font_catalogue();
     }
 
+    FT_Library saved_library = nullptr;
+    FT_Face saved_default = nullptr;
+    font_catalogue_map saved_catalogue;
     t4test::fixed_root root;
     t4test::temp_dir fonts;
     std::unique_ptr<t4test::private_fontconfig> config;

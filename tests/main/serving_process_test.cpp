@@ -39,25 +39,6 @@ t4mi_client_settings ticker_settings(int32_t w = 1920, int32_t h = 108)
     return s;
 }
 
-// Compares the visible pixels of a mapped frame and a local one.
-std::string compare(const t4mi_client_frame& got, const t4mi_video_frame* want)
-{
-    yuva_frame_planes w;
-    if (!map_frame_planes(want, &w))
-        return "cannot map the local frame";
-    if (got.width != w.width || got.height != w.height)
-        return "sizes differ";
-    const uint8_t* gp[4] = {got.y, got.u, got.v, got.alpha};
-    const uint32_t gs[4] = {got.y_stride, got.u_stride, got.v_stride, got.alpha_stride};
-    const uint8_t* wp[4] = {w.y, w.u, w.v, w.alpha};
-    const uint32_t ws[4] = {w.y_stride, w.chroma_stride, w.chroma_stride, w.alpha_stride};
-    for (int p = 0; p < 4; p++)
-        for (uint32_t y = 0; y < w.height; y++)
-            if (std::memcmp(gp[p] + size_t(y) * gs[p], wp[p] + size_t(y) * ws[p], w.width) != 0)
-                return "plane " + std::to_string(p) + " row " + std::to_string(y);
-    return {};
-}
-
 class ServingProcess : public t4test::serving_process_test {};
 
 TEST_F(ServingProcess, Frames0And100EqualTheInProcessRendererByteForByte)
@@ -79,7 +60,7 @@ TEST_F(ServingProcess, Frames0And100EqualTheInProcessRendererByteForByte)
         ASSERT_TRUE(c->request_frame(n, 0, 0, &f)) << c->error();
         t4mi_video_frame* mine = load_frame(local.reader, n, 0, &local, 0);
         ASSERT_NE(mine, nullptr);
-        EXPECT_EQ(compare(f, mine), "") << "frame " << n;
+        EXPECT_EQ(t4test::compare_frames(f, mine), "") << "frame " << n;
         EXPECT_TRUE(c->release_frame(n));
     }
     stop();

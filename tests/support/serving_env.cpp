@@ -1,5 +1,6 @@
 #include "support/serving_env.h"
 
+
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -12,8 +13,10 @@
 #include <thread>
 #include <unistd.h>
 
+#include "frames/frame_buffer.h"
 #include "platform/comm_server.h"
 #include "platform/serve.h"
+#include "platform/t4mi_client.h"
 #include "platform/t4mi_globals.h"
 
 namespace t4test {
@@ -231,6 +234,24 @@ bool serving_process::stop(int sig, int timeout_ms, int* exit_status)
 std::string serving_process::err() const { return read_file(err_file); }
 
 // --- binaries -------------------------------------------------------------------
+
+std::string compare_frames(const t4mi_client_frame& got, const t4mi_video_frame* want)
+{
+    yuva_frame_planes w;
+    if (!map_frame_planes(want, &w))
+        return "cannot map the local frame";
+    if (got.width != w.width || got.height != w.height)
+        return "sizes differ";
+    const uint8_t* gp[4] = {got.y, got.u, got.v, got.alpha};
+    const uint32_t gs[4] = {got.y_stride, got.u_stride, got.v_stride, got.alpha_stride};
+    const uint8_t* wp[4] = {w.y, w.u, w.v, w.alpha};
+    const uint32_t ws[4] = {w.y_stride, w.chroma_stride, w.chroma_stride, w.alpha_stride};
+    for (int p = 0; p < 4; p++)
+        for (uint32_t y = 0; y < w.height; y++)
+            if (std::memcmp(gp[p] + size_t(y) * gs[p], wp[p] + size_t(y) * ws[p], w.width) != 0)
+                return "plane " + std::to_string(p) + " row " + std::to_string(y);
+    return {};
+}
 
 std::string render_tool_binary() { return T4MI_RENDER_BIN; }
 std::string control_tool_binary() { return T4MI_CONTROL_BIN; }

@@ -20,6 +20,9 @@
 #include "platform/t4mi_client.h"
 #include "support/test_env.h"
 
+class t4mi_video_frame;
+struct t4mi_client_frame;
+
 namespace t4test {
 
 class control_server {
@@ -93,6 +96,10 @@ private:
     std::string socket;
     std::string err_file;
 };
+
+// Compares the visible pixels of a frame a client mapped with a frame built
+// in this process: empty when equal, else where they first differ.
+std::string compare_frames(const t4mi_client_frame& got, const t4mi_video_frame* want);
 
 std::string render_tool_binary();
 std::string control_tool_binary();

@@ -195,4 +195,16 @@ void serving_process_test::edit_item(const std::string& content)
     ASSERT_EQ(utimensat(AT_FDCWD, item_path.c_str(), times, 0), 0);
 }
 
+plane_copy serving_process_test::served(t4mi_client& c, uint64_t n)
+{
+    t4mi_client_frame f;
+    if (!c.request_frame(n, 0, 0, &f)) {
+        ADD_FAILURE() << "frame " << n << ": " << c.error();
+        return {};
+    }
+    plane_copy copy = copy_planes(f);
+    EXPECT_TRUE(c.release_frame(n)) << c.error();
+    return copy;
+}
+
 } // namespace t4test

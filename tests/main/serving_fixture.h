@@ -95,6 +95,8 @@ protected:
     // Rewrites the item in place and moves its modification time a whole
     // number of seconds away from any it had, so the watch sees a change.
     void edit_item(const std::string& content);
+    // Frame `n` from the server through `c`, copied and released.
+    plane_copy served(t4mi_client& c, uint64_t n);
 
     // The item every test of the fixture starts with: a red half-transparent
     // ticker scrolling at one picture height a second.

@@ -19,20 +19,7 @@ using t4test::plane_copy;
 
 const t4mi_client_settings SETTINGS = picture_settings(640, 108);
 
-class ServingProcessLiveText : public t4test::serving_process_test {
-protected:
-    plane_copy served(t4mi_client& c, uint64_t n)
-    {
-        t4mi_client_frame f;
-        if (!c.request_frame(n, 0, 0, &f)) {
-            ADD_FAILURE() << "frame " << n << ": " << c.error();
-            return {};
-        }
-        plane_copy copy = t4test::copy_planes(f);
-        EXPECT_TRUE(c.release_frame(n)) << c.error();
-        return copy;
-    }
-};
+class ServingProcessLiveText : public t4test::serving_process_test {};
 
 TEST_F(ServingProcessLiveText, NewContextOnlyTextReachesOnlyClientsThatConnectAfterIt)
 {

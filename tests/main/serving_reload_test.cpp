@@ -39,19 +39,6 @@ double seconds_since(std::chrono::steady_clock::time_point t)
 
 class ServingProcessReload : public t4test::serving_process_test {
 protected:
-    // Frame `n` from the server, copied, released.
-    plane_copy served(t4mi_client& c, uint64_t n)
-    {
-        t4mi_client_frame f;
-        if (!c.request_frame(n, 0, 0, &f)) {
-            ADD_FAILURE() << "frame " << n << ": " << c.error();
-            return {};
-        }
-        plane_copy copy = t4test::copy_planes(f);
-        EXPECT_TRUE(c.release_frame(n)) << c.error();
-        return copy;
-    }
-
     // Frames `numbers` of `item` of `type` rendered in this process.
     static std::vector<plane_copy> rendered_here(const std::string& item, const std::string& type,
                                                  const std::vector<uint64_t>& numbers,

@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <string>
 #include <sys/types.h>
-#include <ctime>
 
 struct colour_rgba {
     uint8_t r = 0, g = 0, b = 0, a = 0;

@@ -6,7 +6,6 @@
 // opacity makes it opaque again (senders put opacities last).
 #include "main/control_packets.h"
 
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>

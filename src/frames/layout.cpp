@@ -183,14 +183,8 @@ void scrolling_text_client_context::recompute_text_times()
             const int32_t k = kern(previous, run.code);
             const font_bmp_cache_storage* g = get_font_bmp(this, line_height, run.code);
             const uint64_t key = (h_scale * (pen + uint64_t(int64_t(k)))) >> 8;
-            placed_glyph pg;
-            pg.code = run.code;
-            pg.r = run.r, pg.g = run.g, pg.b = run.b, pg.a = run.a;
-            pg.sr = run.sr, pg.sg = run.sg, pg.sb = run.sb, pg.sa = run.sa;
-            pg.shadow_opacity = run.shadow_opacity;
-            pg.pixel_size = int32_t(line_height);
-            pg.line_top = top;
-            glyph_placements[key].push_back(pg);
+            glyph_placements[key].push_back(placed_glyph{
+                .code = run.code, .style = run.style, .pixel_size = int32_t(line_height), .line_top = top});
             pen = pen + uint64_t(int64_t(k)) + uint64_t(g ? int64_t(g->advance) : MISSING_GLYPH_ADVANCE);
             previous = run.code;
         }

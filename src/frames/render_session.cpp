@@ -10,8 +10,7 @@
 #include "fonts/font_globals.h"
 #include "frames/compositor.h"
 #include "frames/reader.h"
-#include "items/rss_loader.h"
-#include "items/scroll_settings.h"
+#include "items/item_types.h"
 #include "main/process.h"
 #include "platform/fixed_paths.h"
 #include "platform/t4mi_globals.h"
@@ -86,10 +85,8 @@ bool render_session::load_item(const std::string& path, const std::string& mime_
         *err = "not a scrolling text file: " + path;
         return false;
     }
-    if (t4mi_file_type == "application/x-tevrin-rss-feed")
-        load_rss_feed();
-    else
-        load_message();
+    // No file watch runs here, so text and template items are read at once.
+    reload_item_text();
     return true;
 }
 

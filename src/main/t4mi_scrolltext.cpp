@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <strings.h>
 #include <unistd.h>
 
 #include "fonts/builtin_faces.h"
@@ -19,8 +18,7 @@
 #include "fonts/font_globals.h"
 #include "frames/client_context.h"
 #include "frames/video_reference.h"
-#include "items/rss_loader.h"
-#include "items/scroll_settings.h"
+#include "items/item_types.h"
 #include "main/control_packets.h"
 #include "main/main_globals.h"
 #include "main/process.h"
@@ -98,17 +96,6 @@ int open_faces()
     return -1;
 }
 
-bool is_known_type(const std::string& type)
-{
-    static const char* const known[] = {
-        "application/x-tevrin-scrolling-text", "text/plain",
-        "application/x-tevrin-rss-feed",       "application/x-tevrin-metadata-template",
-        "application/vnd.tv.tevrin.text-item",
-    };
-    return std::any_of(std::begin(known), std::end(known),
-                       [&](const char* k) { return strcasecmp(type.c_str(), k) == 0; });
-}
-
 void install_signal_handlers()
 {
     struct sigaction sa {};
@@ -116,17 +103,6 @@ void install_signal_handlers()
     sigemptyset(&sa.sa_mask);
     for (int sig : {SIGTERM, SIGQUIT, SIGINT})
         sigaction(sig, &sa, nullptr);
-}
-
-// Plain-text and template items get their text from the file watch, about
-// two seconds after serving starts.
-void load_item_text()
-{
-    if (t4mi_file_type == "application/x-tevrin-rss-feed")
-        load_rss_feed();
-    else if (t4mi_file_type == "application/x-tevrin-scrolling-text" ||
-             t4mi_file_type == "application/vnd.tv.tevrin.text-item")
-        load_message();
 }
 
 void daemonize()
@@ -180,7 +156,7 @@ int main(int argc, char** argv)
         t4mi_do_write_metadata = 1;
 
     if (!t4mi_file_type.empty()) {
-        if (!is_known_type(t4mi_file_type)) {
+        if (find_item_type(t4mi_file_type) == nullptr) {
             std::fprintf(stderr, "Unknown file type field\n");
             tear_down();
             return 1;
@@ -189,7 +165,7 @@ int main(int argc, char** argv)
         tear_down();
         return 1;
     }
-    load_item_text();
+    load_item_text_at_start();
 
     t4mi_print_standard_metadata_state();
     T4MI_ASSERT(t4mi_meta->file_fd >= 0);

@@ -6,7 +6,6 @@
 #include "frames/compositor.h"
 #include "frames/reader.h"
 #include "items/scroll_settings.h"
-#include "main/main_globals.h"
 #include "platform/client_context.h"
 #include "platform/serve.h"
 #include "platform/t4mi_globals.h"

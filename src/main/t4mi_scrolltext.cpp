@@ -13,9 +13,6 @@
 #include <ctime>
 #include <unistd.h>
 
-#include "fonts/builtin_faces.h"
-#include "fonts/font_catalogue.h"
-#include "fonts/font_globals.h"
 #include "frames/client_context.h"
 #include "frames/video_reference.h"
 #include "items/item_types.h"
@@ -87,15 +84,6 @@ int derive_parameters()
     return -1;
 }
 
-int open_faces()
-{
-    if (const char* failure = open_builtin_faces()) {
-        std::fputs(failure, stderr);
-        return 1;
-    }
-    return -1;
-}
-
 void install_signal_handlers()
 {
     struct sigaction sa {};
@@ -126,9 +114,10 @@ int main(int argc, char** argv)
         return status;
     if (int status = derive_parameters(); status >= 0)
         return status;
-    if (int status = open_faces(); status >= 0)
-        return status;
-    build_font_catalogue();
+    if (const char* failure = open_fonts()) {
+        std::fputs(failure, stderr);
+        return 1;
+    }
 
     t4mi_on_metadata_set = metadata_set_ignored;
     on_t4mi_custom_packet = my_custom_packet_handler;

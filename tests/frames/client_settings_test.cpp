@@ -173,3 +173,26 @@ TEST_F(ClientSettings, SettingsFlushTheFramesNobodyHolds)
 }
 
 } // namespace
+
+namespace {
+
+TEST(PixelAspect, FactorIsTheWidthOverTheWidthAtTheScreenAspect)
+{
+    scrolling_text_client_context ctx(1);
+    // No aspect, or half of one: square pixels.
+    EXPECT_EQ(ctx.pixel_aspect_factor(720, 576), 1.0);
+    ctx.screen_aspect_num = 16;
+    EXPECT_EQ(ctx.pixel_aspect_factor(720, 576), 1.0);
+    // 720 x 576 shown at 16:9 would be 16 * 576 / 9 = 1024 wide: 720 / 1024.
+    ctx.screen_aspect_den = 9;
+    EXPECT_EQ(ctx.pixel_aspect_factor(720, 576), 0.703125);
+    // 1920 x 1080 at 16:9 has square pixels; at 4:3 they are 1920 / 1440 wide.
+    EXPECT_EQ(ctx.pixel_aspect_factor(1920, 1080), 1.0);
+    ctx.screen_aspect_num = 4;
+    ctx.screen_aspect_den = 3;
+    EXPECT_DOUBLE_EQ(ctx.pixel_aspect_factor(1920, 1080), 4.0 / 3.0);
+    ctx.screen_aspect_den = 0;
+    EXPECT_EQ(ctx.pixel_aspect_factor(1920, 1080), 1.0);
+}
+
+} // namespace

@@ -2,8 +2,8 @@
 //
 // Start-up, in order: command line, derived parameters, FreeType and the two
 // built-in faces, the font catalogue, identification, the item's text,
-// metadata write-back, the factories, readiness; then the serve loop and the
-// ordered shut-down.
+// metadata write-back, the factories, readiness. The entry point (main.cpp)
+// then runs the serve loop and the ordered shut-down.
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -108,7 +108,7 @@ void daemonize()
 }
 } // namespace
 
-int main(int argc, char** argv)
+int start_up(int argc, char** argv)
 {
     if (int status = parse_command_line(argc, argv); status >= 0)
         return status;
@@ -199,6 +199,5 @@ int main(int argc, char** argv)
     mono_auto_shutdown = auto_shutdown_delay_initial ? monotonic_clock_us() + auto_shutdown_delay_initial : 0;
     if (!json_next_xmit_rebuild)
         rebuild_json();
-    serve_loop();
-    return shut_down();
+    return -1;
 }

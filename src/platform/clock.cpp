@@ -2,6 +2,8 @@
 
 namespace {
 int64_t monotonic_offset = 0;
+bool monotonic_pinned = false;
+int64_t monotonic_pinned_us = 0;
 int64_t wall_offset = 0;
 bool wall_pinned = false;
 int64_t wall_pinned_us = 0;
@@ -14,7 +16,12 @@ int64_t read_clock_us(clockid_t id)
 }
 } // namespace
 
-uint64_t monotonic_clock_us() { return uint64_t(read_clock_us(CLOCK_MONOTONIC) + monotonic_offset); }
+uint64_t monotonic_clock_us()
+{
+    if (monotonic_pinned)
+        return uint64_t(monotonic_pinned_us);
+    return uint64_t(read_clock_us(CLOCK_MONOTONIC) + monotonic_offset);
+}
 
 int64_t gettimeofday_us()
 {
@@ -31,6 +38,12 @@ void t4mi_clock_pin_wall_us(int64_t wall_us)
     wall_pinned_us = wall_us;
 }
 void t4mi_clock_unpin_wall() { wall_pinned = false; }
+void t4mi_clock_pin_monotonic_us(int64_t mono_us)
+{
+    monotonic_pinned = true;
+    monotonic_pinned_us = mono_us;
+}
+void t4mi_clock_unpin_monotonic() { monotonic_pinned = false; }
 
 time_t calendar_end_of_minute(time_t t)
 {

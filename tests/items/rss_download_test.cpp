@@ -60,9 +60,16 @@ protected:
     {
         rss_item_test::SetUp();
         downloader = root.at(T4MI_DOWNLOADER_PATH);
-        // Far from zero, so that "ten minutes ago" is a plain number.
-        t4mi_clock_set_monotonic_offset_us(int64_t(1000000) * SECOND);
+        // Far from zero, so that "ten minutes ago" is a plain number; pinned,
+        // so that only the test's own steps move it, however loaded the
+        // machine is.
+        t4mi_clock_pin_monotonic_us(offset);
         feed_interval = 60 * SECOND;
+    }
+    void TearDown() override
+    {
+        t4mi_clock_unpin_monotonic();
+        rss_item_test::TearDown();
     }
 
     // Installs a shell script as the downloader.
@@ -76,7 +83,7 @@ protected:
     void advance_clock(uint64_t us)
     {
         offset += int64_t(us);
-        t4mi_clock_set_monotonic_offset_us(offset);
+        t4mi_clock_pin_monotonic_us(offset);
     }
 
     // Runs the loop's feed test every 5 ms until `done` holds (given the
@@ -294,6 +301,12 @@ TEST_F(RssDownload, AHungDownloadIsTerminatedEveryFiveSecondsUntilItIsGone)
     rss_feed_changed();
     ASSERT_GT(download_pid, 0);
     const pid_t child = download_pid;
+    // The partial file is written after the trap is set: until then a
+    // SIGTERM would still end the shell.
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!fs::exists(meta_path("rss.xml.part")) && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    ASSERT_TRUE(fs::exists(meta_path("rss.xml.part")));
     const auto timeouts = [&] { return count_of(err.text(), "Download timeout\n"); };
 
     advance_clock(299 * SECOND);

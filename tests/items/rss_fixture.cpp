@@ -63,6 +63,7 @@ void reset_rss_state()
     t4mi_clock_set_monotonic_offset_us(0);
     t4mi_clock_set_wall_offset_us(0);
     t4mi_clock_unpin_wall();
+    t4mi_clock_unpin_monotonic();
 }
 
 void rss_item_test::SetUp()

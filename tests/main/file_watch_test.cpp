@@ -27,7 +27,7 @@ protected:
         load_message();
         ASSERT_EQ(scroll_settings.file_mtime, 1000000000);
     }
-    void TearDown() override { t4mi_clock_set_monotonic_offset_us(0); }
+    void TearDown() override { t4mi_clock_unpin_monotonic(); }
 
     void set_mtime(time_t seconds, long nanoseconds = 0)
     {
@@ -35,18 +35,13 @@ protected:
         ASSERT_EQ(utimensat(AT_FDCWD, item.path().c_str(), times, 0), 0);
     }
 
-    // Moves the monotonic clock on by `us` from the previous poll and polls
-    // once, capturing stderr. The offset is taken against the real clock at
-    // each poll, so time the test itself spends on a loaded machine does not
-    // count. Each poll lands a further 10 ms on, so that a check due exactly
-    // `us` later is due whatever the scheduler did inside the previous poll.
+    // Moves the pinned monotonic clock on by `us` and polls once, capturing
+    // stderr. Pinned, the watch sees exactly the steps the test names, however
+    // long the test itself takes on a loaded machine.
     bool poll_after(int64_t us, std::string* err)
     {
-        if (start < 0)
-            start = monotonic_clock_us();
-        elapsed += us + 10000;
-        t4mi_clock_set_monotonic_offset_us(0);
-        t4mi_clock_set_monotonic_offset_us(start + elapsed - monotonic_clock_us());
+        now += us;
+        t4mi_clock_pin_monotonic_us(now);
         testing::internal::CaptureStderr();
         const bool changed = item_file_changed();
         *err = testing::internal::GetCapturedStderr();
@@ -54,8 +49,7 @@ protected:
     }
 
     t4test::open_item item{"#Tevrin4ScrollText\nold\n", "application/x-tevrin-scrolling-text"};
-    int64_t start = -1;
-    int64_t elapsed = 0;
+    int64_t now = int64_t(monotonic_clock_us());
 };
 
 TEST_F(FileWatch, AnInPlaceRewriteIsReloadedOneCheckAfterItIsSeen)

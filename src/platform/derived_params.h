@@ -14,7 +14,14 @@
 // the run serves: not --identify, not --temp-clean) it creates the control
 // socket server at t4mi_sock into t4mi_comm_server. Non-zero on failure
 // (item or directory cannot be opened or made, socket cannot be created).
+//
+// Refusals that it reports itself, in one line on standard error, return
+// T4MI_DERIVED_REFUSED, before anything is written: an item path that is a
+// directory, a FIFO or a socket (found without a blocking open), and a
+// metadata directory that is a symbolic link, is not owned by our effective
+// user or is writable by group or others.
 int t4mi_standard_to_derived_params();
+inline constexpr int T4MI_DERIVED_REFUSED = 2;
 
 // Appends standard error to "<metadir>/t4mi.log". Non-zero on failure.
 int t4mi_redirect_stderr_to_logfile();

@@ -1,5 +1,4 @@
 #include <cstdio>
-#include <fcntl.h>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <unistd.h>
@@ -7,6 +6,7 @@
 #include "platform/client_context.h"
 #include "platform/clock.h"
 #include "platform/derived_params.h"
+#include "platform/safe_files.h"
 #include "platform/t4mi_globals.h"
 #include "platform/text_helpers.h"
 
@@ -30,16 +30,8 @@ void write_status_file()
         {"ready", status.ready},      {"ready_text", status.ready_text},
         {"socket", t4mi_sock},
     };
-    const std::string text = j.dump() + "\n";
-    const std::string path = t4mi_file_metadir + "/status.json";
-    const std::string tmp = path + ".tmp";
-    const int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return;
-    const bool ok = write(fd, text.data(), text.size()) == ssize_t(text.size());
-    close(fd);
-    if (!ok || rename(tmp.c_str(), path.c_str()) != 0)
-        unlink(tmp.c_str());
+    // A fresh exclusive temporary name, then rename: never written through a link.
+    t4mi_replace_file(t4mi_file_metadir + "/status.json", j.dump() + "\n", 0644, false);
 }
 } // namespace
 

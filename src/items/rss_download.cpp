@@ -33,6 +33,8 @@ constexpr unsigned CHILD_ALARM_S = 310;
     // the downloader creates the file.
     unlink("rss.xml.part");
     alarm(CHILD_ALARM_S);
+    // The server ignores SIGPIPE; an ignored signal would stay ignored across exec.
+    signal(SIGPIPE, SIG_DFL);
     execv(program, const_cast<char* const*>(argv));
     _exit(1);
 }

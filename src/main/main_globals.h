@@ -1,4 +1,5 @@
-// The process frame's globals: the signal counter, the item-file watch and
+// The process frame's globals: the signal counter and the reload signal, the
+// item-file watch and
 // the serve loop's wall-clock check.
 #pragma once
 
@@ -8,6 +9,8 @@
 // Signals received. The serve loop leaves when it is non-zero; the twentieth
 // signal aborts the process outright.
 extern volatile std::sig_atomic_t DIE4;
+// Set by SIGHUP; the item-file watch takes it as a "reload" command.
+extern volatile std::sig_atomic_t reload_signalled;
 
 // Item-file watch.
 extern uint64_t watch_next_check;   // monotonic µs of the next disk check

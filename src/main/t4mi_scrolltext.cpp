@@ -148,6 +148,7 @@ void daemonize()
 
 int main(int argc, char** argv)
 {
+    install_pipe_and_hangup_handlers();
     if (int status = parse_command_line(argc, argv); status >= 0)
         return status;
     if (int status = derive_parameters(); status >= 0)

@@ -173,6 +173,7 @@ void fd_debug_dump_open_files(FILE* out)
 
 void t4mi_free_all()
 {
+    t4mi_status_remove();
     // Closing the server frees its connections and their client contexts
     // and removes the socket file.
     comm_socket_v4_server_close(t4mi_comm_server);

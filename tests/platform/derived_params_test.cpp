@@ -164,6 +164,43 @@ TEST_F(Derived, AFifoItemIsRefusedAndNoDirectoryIsMade)
     EXPECT_FALSE(fs::exists(dir / ".pipe.t4mi"));
 }
 
+TEST_F(Derived, OurStatusFileGoesWithTheTearDownButAnotherOneStays)
+{
+    t4test::write_file(dir / "a.txt", "x");
+    t4mi_file = dir / "a.txt";
+    ASSERT_EQ(t4mi_standard_to_derived_params(), 0);
+    const std::string status = t4mi_file_metadir + "/status.json";
+    t4mi_ready_write(1, "Ready to serve data");
+    ASSERT_TRUE(fs::exists(status));
+    t4mi_free_all();
+    EXPECT_FALSE(fs::exists(status));
+
+    // A file another process put in place after ours is not ours to remove.
+    ASSERT_EQ(t4mi_standard_to_derived_params(), 0);
+    t4mi_ready_write(1, "Ready to serve data");
+    t4test::write_file(status + ".other", "{}");
+    fs::rename(status + ".other", status);
+    t4mi_free_all();
+    EXPECT_EQ(t4test::read_file(status), "{}");
+}
+
+TEST_F(Derived, AStatusFileThatCannotBeWrittenIsReportedOnce)
+{
+    t4test::write_file(dir / "a.txt", "x");
+    t4mi_file = dir / "a.txt";
+    ASSERT_EQ(t4mi_standard_to_derived_params(), 0);
+    const std::string status = t4mi_file_metadir + "/status.json";
+    t4test::make_dirs(status);
+    testing::internal::CaptureStderr();
+    t4mi_status_write(100, "");
+    t4mi_ready_write(1, "Ready to serve data");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "WARNING: Cannot write status file '" + status + "': Is a directory\n");
+    fs::remove(status);
+    t4mi_ready_write(1, "Ready to serve data");
+    EXPECT_TRUE(fs::is_regular_file(status));
+}
+
 TEST(SelfTest, Passes) { EXPECT_EQ(t4mi_self_test(), 0); }
 
 TEST(SlidingWindow, MapsTheStartOfAShortFileWithZerosBeyondIt)

@@ -1,14 +1,11 @@
-// The process frame's globals: the signal counter and the reload signal, the
-// item-file watch and
-// the serve loop's wall-clock check.
+// The process frame's globals: the reload signal, the item-file watch and the
+// serve loop's wall-clock check. The signal counter, DIE4, is in
+// platform/t4mi_globals.h.
 #pragma once
 
 #include <csignal>
 #include <cstdint>
 
-// Signals received. The serve loop leaves when it is non-zero; the twentieth
-// signal aborts the process outright.
-extern volatile std::sig_atomic_t DIE4;
 // Set by SIGHUP; the item-file watch takes it as a "reload" command.
 extern volatile std::sig_atomic_t reload_signalled;
 

@@ -6,6 +6,7 @@
 
 #include "main/main_globals.h"
 #include "main/process.h"
+#include "platform/t4mi_globals.h"
 
 namespace {
 

@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "main/main_globals.h"
 #include "main/process.h"
 #include "platform/args.h"
 #include "platform/t4mi_globals.h"

@@ -109,7 +109,7 @@ TEST_F(ServingProcessStatusFile, GoneAfterOneshot)
 
 TEST_F(ServingProcessStatusFile, GoneAfterAutoShutdown)
 {
-    start({"--auto-shutdown", "0.3"});
+    start({"--auto-shutdown", "1"});
     int status = -2;
     ASSERT_TRUE(proc->wait_exit(15000, &status));
     EXPECT_EQ(status, 0);

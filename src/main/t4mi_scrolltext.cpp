@@ -63,7 +63,9 @@ int derive_parameters()
         print_help();
         return 1;
     }
-    if (t4mi_standard_to_derived_params() != 0)
+    if (const int derived = t4mi_standard_to_derived_params(); derived == T4MI_DERIVED_REFUSED)
+        return 1; // already said why, in one line
+    else if (derived != 0)
         failure = "Failed to obtain derived params\n";
     else if (t4mi_join_tnb_domain() != 0)
         failure = "Failed to join TNB domain\n";

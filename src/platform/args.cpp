@@ -39,6 +39,7 @@ const standard_switch switches[] = {
     {"auto-shutdown", kind::seconds, "SECONDS", "exit after this long without a client (0: never; default 0)", &auto_shutdown_delay_initial, 0},
     {"cgroup-active", kind::text, "DIR", "control group to join while serving frames", &t4mi_cgroup_active, 0},
     {"cgroup-idle", kind::text, "DIR", "control group to join while idle", &t4mi_cgroup_idle, 0},
+    {"harden", kind::flag, nullptr, "drop fields over 511 bytes, refuse corrupt emoji images and rootless feeds (default: hang or abort)", &t4mi_harden, 1},
     // Listed by the program's own help line, not by t4mi_std_help.
     {"oneshot", kind::flag, nullptr, nullptr, &t4mi_oneshot, 1},
 };
@@ -136,7 +137,7 @@ void t4mi_reset_standard_switches()
     t4mi_cgroup_active.clear();
     t4mi_cgroup_idle.clear();
     t4mi_identify_only = t4mi_daemon = t4mi_stderr_to_log = t4mi_temp_clean_only = 0;
-    t4mi_force_update_metadata = t4mi_oneshot = 0;
+    t4mi_force_update_metadata = t4mi_oneshot = t4mi_harden = 0;
     t4mi_metadata_may_update = 1;
     auto_shutdown_delay_initial = 0;
 }

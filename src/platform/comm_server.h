@@ -22,11 +22,15 @@ struct comm_socket_v4_limits {
 // The limits in force (tests lower them).
 extern comm_socket_v4_limits comm_socket_v4_server_limits;
 
-// Creates the server: replaces a stale socket file at `path` (a file that is
-// not a socket is left alone and the call fails), binds with mode 0600 so
-// only the item's owner (and root) can connect, and listens. Null on failure,
-// with "Cannot create control socket '<path>': <reason>\n" on standard
-// error. The socket is close-on-exec and non-blocking.
+// Creates the server: replaces a stale socket file at `path` (one nobody
+// listens on any more; a file that is not a socket is left alone and the
+// call fails), binds with mode 0600 so only the item's owner (and root) can
+// connect, and listens. Null on failure, with
+// "Cannot create control socket '<path>': <reason>\n" on standard error;
+// the reason is "already served by pid N" when a live server listens there
+// (that server, its socket and its files are left untouched), and names the
+// directory's fault when the socket's directory is not ours or is writable
+// by group or others. The socket is close-on-exec and non-blocking.
 comm_socket_v4_server* comm_socket_v4_server_create(const char* path);
 
 // Closes every connection (destroying its client context), the listening
@@ -35,8 +39,10 @@ comm_socket_v4_server* comm_socket_v4_server_create(const char* path);
 void comm_socket_v4_server_close(comm_socket_v4_server* server);
 
 // Re-creates the listening socket at the same path (after daemon(): the
-// socket file then belongs to the process that serves). Connections are
-// kept. 0 on success; a null server has nothing to reopen (0).
+// socket file then belongs to the process that serves). Our own socket file
+// is replaced without the liveness check; another one is judged as at
+// creation. Connections are kept. 0 on success; a null server has nothing
+// to reopen (0).
 int comm_socket_v4_reopen_server(comm_socket_v4_server* server);
 
 // Open connections, closed ones not yet reaped included.

@@ -14,6 +14,7 @@ int t4mi_metadata_may_update = 1;
 int t4mi_identify_only = 0;
 int t4mi_daemon = 0;
 int t4mi_oneshot = 0;
+int t4mi_harden = 0;
 std::string t4mi_cgroup_active;
 std::string t4mi_cgroup_idle;
 uint64_t auto_shutdown_delay_initial = 0;

@@ -28,6 +28,7 @@ extern int t4mi_metadata_may_update;     // cleared by --no-metadata-write
 extern int t4mi_identify_only;           // --identify
 extern int t4mi_daemon;                  // --daemon
 extern int t4mi_oneshot;                 // --oneshot
+extern int t4mi_harden;                  // --harden: survive the three kept hazards (docs/platform.md)
 extern std::string t4mi_cgroup_active;   // --cgroup-active: cgroup directory while serving
 extern std::string t4mi_cgroup_idle;     // --cgroup-idle: cgroup directory while idle
 extern uint64_t auto_shutdown_delay_initial; // --auto-shutdown, in µs; 0: never

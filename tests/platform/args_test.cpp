@@ -49,6 +49,15 @@ TEST_F(Args, FlagsSetTheirGlobals)
     EXPECT_EQ(t4mi_metadata_may_update, 0);
 }
 
+TEST_F(Args, HardenIsOffUntilAsked)
+{
+    EXPECT_EQ(t4mi_harden, 0);
+    EXPECT_EQ(parse({"--harden"}), (std::vector<int>{1}));
+    EXPECT_EQ(t4mi_harden, 1);
+    t4mi_reset_standard_switches();
+    EXPECT_EQ(t4mi_harden, 0);
+}
+
 TEST_F(Args, AutoShutdownIsInSeconds)
 {
     EXPECT_EQ(parse({"--auto-shutdown", "2.5"}), (std::vector<int>{1}));
@@ -72,7 +81,8 @@ TEST_F(Args, HelpListsEverySwitchWithoutTheOneShotLine)
     t4mi_std_help();
     const std::string help = testing::internal::GetCapturedStderr();
     for (const char* sw : {"--file", "--type", "--metadir", "--socket", "--identify", "--daemon", "--log",
-                           "--temp-clean", "--force-metadata", "--auto-shutdown", "--cgroup-active", "--cgroup-idle"})
+                           "--temp-clean", "--force-metadata", "--auto-shutdown", "--cgroup-active", "--cgroup-idle",
+                           "--harden"})
         EXPECT_NE(help.find(sw), std::string::npos) << sw;
     EXPECT_EQ(help.find("--oneshot"), std::string::npos);
 }

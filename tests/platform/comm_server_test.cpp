@@ -215,6 +215,38 @@ TEST_F(ControlServer, AStaleSocketFileIsReplacedButAnyOtherFileIsLeftAlone)
     EXPECT_EQ(t4test::read_file(file), "keep me");
 }
 
+TEST_F(ControlServer, ALiveSocketIsNeverTakenOverAndNamesItsServer)
+{
+    // This process listens there: a second server for the path must leave it be.
+    struct stat before {};
+    ASSERT_EQ(lstat(server.socket_path().c_str(), &before), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(comm_socket_v4_server_create(server.socket_path().c_str()), nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Cannot create control socket '" + server.socket_path() +
+                                                          "': already served by pid " + std::to_string(getpid()) +
+                                                          "\n");
+    struct stat after {};
+    ASSERT_EQ(lstat(server.socket_path().c_str(), &after), 0);
+    EXPECT_EQ(after.st_ino, before.st_ino);
+    auto c = server.client();
+    ASSERT_TRUE(c);
+    std::string json;
+    EXPECT_TRUE(c->status(&json)) << c->error();
+}
+
+TEST_F(ControlServer, ASocketInADirectoryOthersMayWriteIsNotMade)
+{
+    t4test::temp_dir dir;
+    ASSERT_EQ(chmod(dir.path().c_str(), 0777), 0);
+    const std::string path = dir / "c.sock";
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(comm_socket_v4_server_create(path.c_str()), nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Cannot create control socket '" + path + "': its directory is writable by group or others (mode 0777)\n");
+    struct stat st {};
+    EXPECT_NE(lstat(path.c_str(), &st), 0);
+}
+
 TEST_F(ControlServer, ReopeningKeepsTheConnectionsAndServesNewClientsAtTheSamePath)
 {
     auto a = server.client();

@@ -145,10 +145,11 @@ bool raw_socket::hung_up(int timeout_ms, const std::function<void()>& pump)
 // --- serving_process ------------------------------------------------------------
 
 serving_process::serving_process(const std::string& binary, const std::vector<std::string>& args,
-                                 const std::vector<std::string>& env)
+                                 const std::vector<std::string>& env, int given_err_fd)
     : err_file(dir / "stderr.txt")
 {
-    const int err_fd = open(err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    const int err_fd = given_err_fd >= 0 ? given_err_fd
+                                         : open(err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     child = fork();
     if (child == 0) {
         const int devnull = open("/dev/null", O_RDWR);
@@ -170,7 +171,7 @@ serving_process::serving_process(const std::string& binary, const std::vector<st
         execv(binary.c_str(), argv.data());
         _exit(127);
     }
-    if (err_fd >= 0)
+    if (err_fd >= 0 && err_fd != given_err_fd)
         close(err_fd);
 }
 

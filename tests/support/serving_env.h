@@ -68,10 +68,10 @@ private:
 class serving_process {
 public:
     // Starts `binary` with `args` and extra environment entries ("NAME=value";
-    // a bare "NAME" removes the variable); standard error goes to a file.
-    // Does not wait.
+    // a bare "NAME" removes the variable); standard error goes to a file, or
+    // to `err_fd` when one is given (err() is then empty). Does not wait.
     serving_process(const std::string& binary, const std::vector<std::string>& args,
-                    const std::vector<std::string>& env);
+                    const std::vector<std::string>& env, int err_fd = -1);
     // Kills the process if it still runs.
     ~serving_process();
     // Waits until "<metadir>/status.json" says ready; fills socket_path().

@@ -78,6 +78,8 @@ size_t outstanding_work()
 
 serve_loop_state serve_loop_begin()
 {
+    // Frame requests queued when a signal comes are not rendered any more.
+    t4mi_stop_requested = [] { return DIE4 != 0 ? 1 : 0; };
     serve_loop_state s;
     s.last_active = monotonic_clock_us();
     s.cgroup_deadline = s.last_active + CGROUP_GRACE_US;
@@ -109,7 +111,8 @@ bool serve_loop_turn(serve_loop_state& s)
     t4mi_global_access_cache_cleanup_idle(t4mi_acc_cache);
 
     int client_work = 0;
-    for (int pass = 0; pass < IDLE_PASSES; pass++) {
+    // A signal ends the passes at once: the queued requests are dropped, not served.
+    for (int pass = 0; pass < IDLE_PASSES && DIE4 == 0; pass++) {
         const int server_work = idle_t4mi_server_comm();
         if (server_work < 0)
             return false;

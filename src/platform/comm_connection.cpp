@@ -8,10 +8,12 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vector>
 
 #include "platform/clock.h"
 #include "platform/comm_server_p.h"
 #include "platform/serve.h"
+#include "platform/t4mi_globals.h"
 
 t4mi_connection::~t4mi_connection()
 {
@@ -29,10 +31,17 @@ void connection_drop(t4mi_connection* c, const char* reason)
     c->closed = true;
     if (reason != nullptr)
         std::fprintf(stderr, "Control client %llu dropped: %s\n", static_cast<unsigned long long>(c->serial), reason);
-    // Stop talking at once; the descriptor itself goes when the connection is freed.
-    shutdown(c->fd, SHUT_RDWR);
-    c->input.clear();
-    c->input.shrink_to_fit();
+    // Its descriptors and buffers go at once, so that a client dropped to make
+    // room makes it now; the rest goes when the connection is freed.
+    close(c->fd);
+    c->fd = -1;
+    for (auto& o : c->output)
+        if (o.fd >= 0)
+            close(o.fd);
+    c->output.clear();
+    c->output_bytes = 0;
+    std::vector<uint8_t>().swap(c->input);
+    c->unfinished_since_us = 0;
 }
 
 void connection_queue(t4mi_connection* c, const comm_socket_v4_packet& p, uint16_t flags, uint32_t request_id,
@@ -130,6 +139,8 @@ bool decode_input(t4mi_connection* c, size_t* decoded)
         }
         pp.raw.assign(c->input.begin() + long(at), c->input.begin() + long(at + used));
         at += used;
+        c->pending_bytes += 2 * used;
+        c->last_packet_us = monotonic_clock_us();
         if (pp.packet.command == "frame" && parse_frame_request(pp.packet, pp.header.request_id, &pp.frame)) {
             pp.is_frame = true;
             ++c->pending_frames;
@@ -139,6 +150,20 @@ bool decode_input(t4mi_connection* c, size_t* decoded)
     }
     c->input.erase(c->input.begin(), c->input.begin() + long(at));
     return ok;
+}
+
+// Keeps the time the packet now in `input` began to arrive: from its first
+// byte, or from the end of the packet before it.
+void note_unfinished(t4mi_connection* c, size_t decoded)
+{
+    if (c->input.empty()) {
+        c->unfinished_since_us = 0;
+        // An emptied buffer keeps no big allocation: at most one packet's worth is ever held.
+        if (c->input.capacity() > (64u << 10))
+            std::vector<uint8_t>().swap(c->input);
+    } else if (c->unfinished_since_us == 0 || decoded > 0) {
+        c->unfinished_since_us = monotonic_clock_us();
+    }
 }
 
 } // namespace
@@ -159,8 +184,13 @@ size_t connection_read(t4mi_connection* c)
         size_t want = std::min<size_t>(budget, 64u << 10);
         comm_socket_v4_header h;
         if (comm_socket_v4_peek_header(c->input.data(), c->input.size(), &h) == comm_socket_v4_decode_result::ok &&
-            h.length > c->input.size())
+            h.length > c->input.size()) {
             want = std::min<size_t>(budget, std::max<size_t>(want, h.length - c->input.size()));
+            c->input.reserve(h.length);  // exactly the packet, not a doubling past it
+        }
+        want = server_input_room(t4mi_comm_server, c, want);
+        if (want == 0)
+            break;  // dropped, or input memory is full of packets still being handled: later
         const size_t old = c->input.size();
         c->input.resize(old + want);
         const ssize_t n = recv(c->fd, c->input.data() + old, want, MSG_DONTWAIT);
@@ -180,5 +210,17 @@ size_t connection_read(t4mi_connection* c)
             break;
         }
     }
+    if (!c->closed)
+        note_unfinished(c, decoded);
     return decoded;
 }
+
+t4mi_pending_packet connection_take_pending(t4mi_connection* c)
+{
+    t4mi_pending_packet pp = std::move(c->pending.front());
+    c->pending.pop_front();
+    c->pending_bytes -= std::min(c->pending_bytes, 2 * pp.raw.size());
+    return pp;
+}
+
+size_t connection_buffered_bytes(const t4mi_connection* c) { return c->input.size() + c->pending_bytes; }

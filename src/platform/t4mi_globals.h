@@ -61,6 +61,9 @@ extern int image_tnb_buffer;
 extern void (*t4mi_on_metadata_set)();
 extern int (*on_t4mi_custom_packet)(comm_socket_v4_packet* request, comm_socket_v4_packet* response,
                                     const void* raw, t4mi_connection* client);
+// Non-zero once the process is shutting down: frame requests not run yet are
+// left alone from then on (they go with their connections at the tear-down).
+extern int (*t4mi_stop_requested)();
 
 // Replaces a framework string field.
 void t4mi_set_string(std::string* field, const char* text);

@@ -141,6 +141,7 @@ bool decode_input(t4mi_connection* c, size_t* decoded)
         at += used;
         c->pending_bytes += 2 * used;
         c->last_packet_us = monotonic_clock_us();
+        c->spoke = true;
         if (pp.packet.command == "frame" && parse_frame_request(pp.packet, pp.header.request_id, &pp.frame)) {
             pp.is_frame = true;
             ++c->pending_frames;

@@ -104,19 +104,25 @@ size_t open_connections(const comm_socket_v4_server* s)
     return n;
 }
 
-// Drops the connection idle the longest (by its last whole packet, or its
-// accept) among those that hold no frame and have nothing queued or running.
-// False when there is none.
+// Drops a connection that holds no frame and has nothing queued or running,
+// to make room for a new one: first one that never sent a whole packet
+// (silent, or stuck in its first), the oldest; else the one idle the longest
+// since its last packet, if that is at least evict_idle_us, so that a client
+// between two paced requests is never the one. False when there is none.
 bool evict_idlest(comm_socket_v4_server* s)
 {
+    const uint64_t now = monotonic_clock_us();
     t4mi_connection* idlest = nullptr;
     for (const auto& [serial, c] : s->connections) {
         if (c->closed || c->in_flight || !c->pending.empty())
             continue;
+        if (c->spoke && now - c->last_packet_us < comm_socket_v4_server_limits.evict_idle_us)
+            continue;
         const t4mi_client_context* ctx = t4mi_client_contexts.get(c->context_id);
         if (ctx != nullptr && !ctx->references.empty())
             continue;
-        if (idlest == nullptr || c->last_packet_us < idlest->last_packet_us)
+        if (idlest == nullptr || (idlest->spoke && !c->spoke) ||
+            (idlest->spoke == c->spoke && c->last_packet_us < idlest->last_packet_us))
             idlest = c.get();
     }
     if (idlest == nullptr)

@@ -14,7 +14,8 @@ struct comm_socket_v4_server;
 // past it the connection is refused, made to wait, or dropped, as each line
 // says (docs/protocol.md, "Limits").
 struct comm_socket_v4_limits {
-    size_t max_connections = 64;          // then the longest idle without frames makes room; none: closed at once
+    size_t max_connections = 64;          // then an idle one without frames makes room; none: closed at once
+    uint64_t evict_idle_us = 1000000;     // a client that sent a packet is idle enough to make room after this
     size_t max_pending_packets = 64;      // decoded, not handled yet; then the socket is not read (back-pressure)
     size_t max_output_bytes = 1u << 20;   // replies queued for a client that does not read; past it: dropped
     size_t max_references = 128;          // frames one client holds; past it a "frame" request gets "ERROR"

@@ -51,6 +51,7 @@ struct t4mi_connection {
     size_t pending_frames = 0;          // frame requests in `pending`
     size_t pending_bytes = 0;           // memory `pending` holds: each packet's size twice (raw and decoded)
     uint64_t last_packet_us = 0;        // monotonic µs: accepted, or the last whole packet received
+    bool spoke = false;                 // a whole packet was received
     uint64_t unfinished_since_us = 0;   // monotonic µs the packet now in `input` began; 0: none
     bool in_flight = false;             // a frame request of this connection is running
     std::deque<t4mi_outgoing> output;

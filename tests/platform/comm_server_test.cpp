@@ -631,6 +631,29 @@ TEST_F(ControlServer, AtTheConnectionLimitTheLongestIdleWithoutFramesMakesRoom)
     EXPECT_EQ(t4mi_client_contexts.count(), 3u);
 }
 
+TEST_F(ControlServer, AClientThatSpokeLessThanASecondAgoIsNotEvicted)
+{
+    comm_socket_v4_server_limits.max_connections = 2;
+    auto pump = [&] { server.pump(); };
+    std::string json;
+    auto quiet = server.client();
+    ASSERT_TRUE(quiet->status(&json));
+    auto active = server.client();
+    ASSERT_TRUE(active->status(&json));
+    // Both spoke just now: a newcomer is turned away rather than evict one.
+    t4test::raw_socket early(server.socket_path());
+    EXPECT_TRUE(early.closed_by_server(2000, pump));
+    // Later the quiet one has been idle a second, the active one has not.
+    t4mi_clock_set_monotonic_offset_us(1500000);
+    ASSERT_TRUE(active->status(&json));
+    testing::internal::CaptureStderr();
+    t4test::raw_socket late(server.socket_path());
+    EXPECT_FALSE(late.closed_by_server(50, pump));
+    EXPECT_FALSE(quiet->status(&json));
+    EXPECT_TRUE(active->status(&json)) << active->error();
+    testing::internal::GetCapturedStderr();
+}
+
 TEST_F(ControlServer, APacketUnfinishedForFiveSecondsDropsItsConnectionButSilenceDoesNot)
 {
     std::vector<uint8_t> bytes;

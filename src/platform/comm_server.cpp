@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -295,12 +294,11 @@ int server_accept(comm_socket_v4_server* s)
     return accepted;
 }
 
-size_t server_input_room(comm_socket_v4_server* s, t4mi_connection* reader, size_t want)
+bool server_input_room(comm_socket_v4_server* s, t4mi_connection* reader, size_t extra, bool make_room)
 {
     if (s == nullptr)
-        return want;
+        return true;
     const size_t cap = comm_socket_v4_server_limits.max_input_bytes;
-    bool exact = false;
     while (!reader->closed) {
         size_t total = 0, most = 0;
         t4mi_connection* biggest = nullptr;
@@ -312,24 +310,15 @@ size_t server_input_room(comm_socket_v4_server* s, t4mi_connection* reader, size
                 biggest = c.get();
             }
         }
-        if (total + want <= cap)
-            return want;
-        // Near the cap, ask only for what has arrived (at least a byte, so a
-        // hang-up is still seen).
-        if (!exact) {
-            exact = true;
-            int arrived = 0;
-            if (ioctl(reader->fd, FIONREAD, &arrived) == 0)
-                want = std::clamp<size_t>(size_t(std::max(arrived, 0)), 1, want);
-            continue;
-        }
-        // Over the cap: the connection that buffers the most goes, which is
-        // never one that sends small packets while another sends big ones.
-        if (biggest == nullptr)
-            return cap > total ? cap - total : 0;
+        if (total + extra <= cap)
+            return true;
+        // The connection that buffers the most goes, which is never one that
+        // sends small packets while another sends big ones.
+        if (!make_room || biggest == nullptr)
+            return false;
         connection_drop(biggest, "too much buffered input");
     }
-    return 0;
+    return false;
 }
 
 void server_expire_unfinished(comm_socket_v4_server* s, uint64_t now_us)

@@ -93,7 +93,8 @@ size_t connection_flush(t4mi_connection* c);
 size_t connection_read(t4mi_connection* c);
 // Takes the packet at the head of `pending` out of the queue.
 t4mi_pending_packet connection_take_pending(t4mi_connection* c);
-// Input memory the connection holds: bytes not decoded yet, and its pending packets.
+// Input memory the connection holds: its input buffer (allocated, not only
+// filled), and its pending packets.
 size_t connection_buffered_bytes(const t4mi_connection* c);
 
 // --- comm_dispatch.cpp ----------------------------------------------------------
@@ -124,10 +125,11 @@ void server_reap_closed(comm_socket_v4_server* s);
 // holds no frames; short of descriptors with nobody idle, new clients wait
 // in the backlog and the listening socket rests a moment.
 int server_accept(comm_socket_v4_server* s);
-// How many bytes `reader` may read now, at most `want`: while buffered input
-// over all connections would pass max_input_bytes, the connection that
-// buffers the most is dropped (perhaps `reader` itself: then 0).
-size_t server_input_room(comm_socket_v4_server* s, t4mi_connection* reader, size_t want);
+// True when `extra` more bytes of input memory for `reader` keep the input
+// memory of all connections within max_input_bytes. Otherwise, with
+// `make_room`, drops the connection that buffers the most until they do
+// (perhaps `reader` itself: then false).
+bool server_input_room(comm_socket_v4_server* s, t4mi_connection* reader, size_t extra, bool make_room);
 // Drops the connections whose packet stayed unfinished longer than
 // unfinished_packet_us.
 void server_expire_unfinished(comm_socket_v4_server* s, uint64_t now_us);

@@ -156,7 +156,8 @@ TEST_F(ServingProcessConnections, BufferedInputIsBoundedOverAllConnections)
     const long after = proc->status_kib("VmHWM");
     std::printf("sent %zu MiB in all; peak memory %ld KiB before, %ld KiB after\n", sent >> 20, before, after);
     EXPECT_GT(sent, size_t(64) << 20);
-    EXPECT_LT(after - before, 96L << 10) << "KiB added to the peak";
+    // The cap is 32 MiB of input; the rest is the heap keeping freed blocks.
+    EXPECT_LT(after - before, 80L << 10) << "KiB added to the peak";
     EXPECT_NE(proc->err().find("dropped: too much buffered input\n"), std::string::npos);
     EXPECT_TRUE(good->request_frame(n, 0, 0, &f)) << good->error();
     stop();

@@ -695,19 +695,27 @@ TEST_F(ControlServer, ASlowPacketFinishedInTimeKeepsItsConnection)
 
 TEST_F(ControlServer, BufferedInputPastTheCapDropsTheConnectionThatBuffersTheMost)
 {
-    comm_socket_v4_server_limits.max_input_bytes = 256u << 10;
+    comm_socket_v4_server_limits.max_input_bytes = 1u << 20;
     auto good = server.client();
-    // Two clients that begin 1 MiB packets; the bigger part goes first.
-    std::vector<uint8_t> header = {'T', '4', 'M', 'P', 0, 0, 0x10, 0, 1, 0, 0, 0, 1, 0, 0, 0};
-    const std::vector<uint8_t> body(200u << 10, 0x41);
+    // Two clients that begin 2 MiB packets; the bigger part goes first.
+    std::vector<uint8_t> header = {'T', '4', 'M', 'P', 0, 0, 0x20, 0, 1, 0, 0, 0, 1, 0, 0, 0};
+    const std::vector<uint8_t> body(700u << 10, 0x41);
     t4test::raw_socket big(server.socket_path()), small(server.socket_path());
+    int room = 1 << 20;
+    setsockopt(big.descriptor(), SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+    setsockopt(small.descriptor(), SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
     big.write_some(header.data(), header.size());
-    big.write_some(body.data(), 150u << 10);
+    size_t sent = 0;
+    for (int i = 0; i < 200 && sent < body.size(); i++) {
+        sent += big.write_some(body.data() + sent, body.size() - sent);
+        server.pump();
+    }
+    ASSERT_EQ(sent, body.size());
     for (int i = 0; i < 20; i++)
         server.pump();
     testing::internal::CaptureStderr();
     small.write_some(header.data(), header.size());
-    small.write_some(body.data(), 120u << 10);
+    small.write_some(body.data(), 300u << 10);
     EXPECT_TRUE(big.closed_by_server(2000, [&] { server.pump(); }));
     EXPECT_FALSE(small.closed_by_server(20, [&] { server.pump(); }));
     const std::string err = testing::internal::GetCapturedStderr();

@@ -227,10 +227,7 @@ void fix_motion(scrolling_text_client_context& ctx, const layout_geometry& geo, 
         ctx.item_length = 1;
         return;
     }
-    double aspect_factor = 1.0;
-    if (ctx.screen_aspect_num > 0 && ctx.screen_aspect_den > 0)
-        aspect_factor = double(ctx.picture_width) /
-                        ((double(ctx.screen_aspect_num) * double(ctx.picture_height)) / double(ctx.screen_aspect_den));
+    const double aspect_factor = ctx.pixel_aspect_factor(ctx.picture_width, ctx.picture_height);
     const double pixels_per_second =
         s.scrollTime <= 0.0 ? aspect_factor * double(geo.height) * s.scrollSpeed : double(cycle) / s.scrollTime;
     const double p = pixels_per_second * double(ctx.frame_duration) / double(ctx.time_scale);
@@ -279,5 +276,5 @@ void scrolling_text_client_context::recompute_text_times()
     const uint64_t text_end = place_glyphs(*this, geo, std::move(line_starts));
     fix_motion(*this, geo, s, text_end);
 
-    reader->frame_manager.flush_unused_frames(999999);
+    reader->frame_manager.flush_unused_frames(FLUSH_EVERYTHING);
 }

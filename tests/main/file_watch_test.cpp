@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "items/item_types.h"
 #include "items/scroll_settings.h"
 #include "main/file_watch.h"
 #include "main/main_globals.h"

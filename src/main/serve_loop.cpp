@@ -73,8 +73,6 @@ size_t outstanding_work()
 
 serve_loop_state serve_loop_begin()
 {
-    // Frame requests queued when a signal comes are not rendered any more.
-    t4mi_stop_requested = [] { return DIE4 != 0 ? 1 : 0; };
     serve_loop_state s;
     s.last_active = monotonic_clock_us();
     s.cgroup_deadline = s.last_active + CGROUP_GRACE_US;

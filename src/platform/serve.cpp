@@ -127,7 +127,7 @@ int idle_t4mi_client_contexts()
         return 0;
     int ran = 0;
     for (uint64_t serial : connection_serials(s)) {
-        if (t4mi_stop_requested != nullptr && t4mi_stop_requested() != 0)
+        if (DIE4 != 0)
             break;  // shutting down: nobody waits for the queued frames any more
         t4mi_connection* c = find_connection(s, serial);
         if (c == nullptr || c->closed || c->in_flight)

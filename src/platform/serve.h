@@ -36,8 +36,8 @@
 //     Runs at most one pending frame request per connection, in connection
 //     order, and answers it. Returns how many it ran; never negative today
 //     (a negative result would mean the serving side failed). Nested in a
-//     frame request it does nothing and returns 0. Once t4mi_stop_requested
-//     says so it runs no further request (shutting down).
+//     frame request it does nothing and returns 0. Once a stop signal came
+//     (DIE4) it runs no further request.
 //
 //   t4mi_idle_housekeeping()
 //     Releases frame holds older than picture_auto_deref_delay, moves the

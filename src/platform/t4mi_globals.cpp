@@ -45,6 +45,5 @@ int image_tnb_buffer = -1;
 
 void (*t4mi_on_metadata_set)() = nullptr;
 int (*on_t4mi_custom_packet)(comm_socket_v4_packet*, comm_socket_v4_packet*, const void*, t4mi_connection*) = nullptr;
-int (*t4mi_stop_requested)() = nullptr;
 
 void t4mi_set_string(std::string* field, const char* text) { *field = text ? text : ""; }

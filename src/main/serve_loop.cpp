@@ -104,7 +104,8 @@ bool serve_loop_turn(serve_loop_state& s)
     t4mi_global_access_cache_cleanup_idle(t4mi_acc_cache);
 
     int client_work = 0;
-    for (int pass = 0; pass < IDLE_PASSES; pass++) {
+    // A signal ends the passes at once: the queued requests are dropped, not served.
+    for (int pass = 0; pass < IDLE_PASSES && DIE4 == 0; pass++) {
         const int server_work = idle_t4mi_server_comm();
         if (server_work < 0)
             return false;

@@ -3,12 +3,15 @@
 // check, reopening after daemon(), and closing.
 #include "platform/comm_server.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -156,6 +159,66 @@ void destroy_connection(comm_socket_v4_server* s, uint64_t serial)
     }
 }
 
+size_t open_connections(const comm_socket_v4_server* s)
+{
+    size_t n = 0;
+    for (const auto& [serial, c] : s->connections)
+        n += c->closed ? 0 : 1;
+    return n;
+}
+
+// Drops a connection that holds no frame and has nothing queued or running,
+// to make room for a new one: first one that never sent a whole packet
+// (silent, or stuck in its first), the oldest; else the one idle the longest
+// since its last packet, if that is at least evict_idle_us, so that a client
+// between two paced requests is never the one. False when there is none.
+bool evict_idlest(comm_socket_v4_server* s)
+{
+    const uint64_t now = monotonic_clock_us();
+    t4mi_connection* idlest = nullptr;
+    for (const auto& [serial, c] : s->connections) {
+        if (c->closed || c->in_flight || !c->pending.empty())
+            continue;
+        if (c->spoke && now - c->last_packet_us < comm_socket_v4_server_limits.evict_idle_us)
+            continue;
+        const t4mi_client_context* ctx = t4mi_client_contexts.get(c->context_id);
+        if (ctx != nullptr && !ctx->references.empty())
+            continue;
+        if (idlest == nullptr || (idlest->spoke && !c->spoke) ||
+            (idlest->spoke == c->spoke && c->last_packet_us < idlest->last_packet_us))
+            idlest = c.get();
+    }
+    if (idlest == nullptr)
+        return false;
+    connection_drop(idlest, "idle, evicted to make room");
+    return true;
+}
+
+// How many connections the descriptor limit leaves room for: every
+// descriptor above the listening socket's (the process's own come first)
+// but descriptor_headroom, which serving needs besides (a new frame buffer,
+// the descriptors sent with replies, files). The limit is read again after a
+// second, and at once after accept ran out of descriptors.
+size_t descriptor_budget(comm_socket_v4_server* s, uint64_t now, bool reread)
+{
+    if (reread || now - s->descriptor_limit_read_us > 1000000) {
+        rlimit lim{};
+        s->descriptor_limit = getrlimit(RLIMIT_NOFILE, &lim) == 0 && lim.rlim_cur != RLIM_INFINITY
+                                  ? uint64_t(lim.rlim_cur)
+                                  : UINT64_MAX;
+        s->descriptor_limit_read_us = now;
+    }
+    const uint64_t own = uint64_t(s->listen_fd) + 1 + comm_socket_v4_server_limits.descriptor_headroom;
+    return s->descriptor_limit > own ? size_t(std::min<uint64_t>(s->descriptor_limit - own, SIZE_MAX)) : 0;
+}
+
+// True when a client waits in the listening socket's backlog.
+bool client_waiting(const comm_socket_v4_server* s)
+{
+    pollfd p{s->listen_fd, POLLIN, 0};
+    return poll(&p, 1, 0) > 0 && (p.revents & POLLIN) != 0;
+}
+
 // Only the item's owner (and root) may be served; the file mode says so too.
 bool peer_allowed(int fd)
 {
@@ -239,19 +302,45 @@ int server_accept(comm_socket_v4_server* s)
 {
     if (s->listen_fd < 0)
         return -1;
+    const comm_socket_v4_limits& limits = comm_socket_v4_server_limits;
     int accepted = 0;
     for (int i = 0; i < 8; i++) {
+        const uint64_t now = monotonic_clock_us();
+        if (now < s->accept_paused_until_us)
+            break;
+        // Short of descriptors a new client is not taken in: it waits in the
+        // backlog until a connection goes or an idle one makes room. The
+        // listening socket rests meanwhile; polling it would only spin.
+        if (open_connections(s) >= descriptor_budget(s, now, false)) {
+            if (!client_waiting(s))
+                break;
+            if (!evict_idlest(s)) {
+                s->accept_paused_until_us = now + limits.accept_pause_us;
+                break;
+            }
+        }
         const int fd = accept4(s->listen_fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
             if (errno == EINTR || errno == ECONNABORTED)
                 continue;
-            // Out of descriptors or memory costs the new client, not the server.
-            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EMFILE || errno == ENFILE ||
-                errno == ENOBUFS || errno == ENOMEM)
+            if (errno == EAGAIN || errno == EWOULDBLOCK)
                 break;
+            // Out of descriptors or memory all the same: rest, and make room.
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+                s->accept_paused_until_us = now + limits.accept_pause_us;
+                descriptor_budget(s, now, true);
+                evict_idlest(s);
+                break;
+            }
             return -1;
         }
-        if (!peer_allowed(fd) || s->connections.size() >= comm_socket_v4_server_limits.max_connections) {
+        if (!peer_allowed(fd)) {
+            close(fd);
+            continue;
+        }
+        // At the connection limit a new client still gets in while some
+        // connection is merely idle.
+        if (open_connections(s) >= limits.max_connections && !evict_idlest(s)) {
             close(fd);
             continue;
         }
@@ -262,10 +351,55 @@ int server_accept(comm_socket_v4_server* s)
         }
         auto c = std::make_unique<t4mi_connection>(fd, s->next_serial++);
         c->context_id = ctx->id;
+        c->last_packet_us = now;
         ctx->connection = c.get();
         s->connections.emplace(c->serial, std::move(c));
-        t4mi_note_client_activity(monotonic_clock_us());
+        t4mi_note_client_activity(now);
         ++accepted;
     }
     return accepted;
+}
+
+bool server_input_room(comm_socket_v4_server* s, t4mi_connection* reader, size_t extra, bool make_room)
+{
+    if (s == nullptr)
+        return true;
+    const size_t cap = comm_socket_v4_server_limits.max_input_bytes;
+    while (!reader->closed) {
+        size_t total = 0, most = 0;
+        t4mi_connection* biggest = nullptr;
+        for (const auto& [serial, c] : s->connections) {
+            const size_t held = c->closed ? 0 : connection_buffered_bytes(c.get());
+            total += held;
+            if (held > most) {
+                most = held;
+                biggest = c.get();
+            }
+        }
+        if (total + extra <= cap)
+            return true;
+        // The connection that buffers the most goes, which is never one that
+        // sends small packets while another sends big ones.
+        if (!make_room || biggest == nullptr)
+            return false;
+        connection_drop(biggest, "too much buffered input");
+    }
+    return false;
+}
+
+void server_expire_unfinished(comm_socket_v4_server* s, uint64_t now_us)
+{
+    if (s == nullptr)
+        return;
+    const comm_socket_v4_limits& limits = comm_socket_v4_server_limits;
+    for (const auto& [serial, c] : s->connections) {
+        if (c->closed || c->unfinished_since_us == 0)
+            continue;
+        // While its queue is full the server does not read the socket: that
+        // time is not the client's.
+        if (c->pending.size() >= limits.max_pending_packets)
+            c->unfinished_since_us = now_us;
+        else if (now_us - c->unfinished_since_us > limits.unfinished_packet_us)
+            connection_drop(c.get(), "unfinished packet");
+    }
 }

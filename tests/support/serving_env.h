@@ -87,6 +87,12 @@ public:
     bool running();
     // Standard error so far.
     std::string err() const;
+    // CPU time the process used so far (user + system), in seconds; -1 when
+    // it is gone.
+    double cpu_seconds() const;
+    // A "kB" line of /proc/<pid>/status ("VmHWM", "VmRSS"), in KiB; -1 when
+    // it cannot be read.
+    long status_kib(const std::string& field) const;
 
 private:
     temp_dir dir;

@@ -14,7 +14,7 @@
 // is at most 255 * 256, plus 128 for the rounding term.
 #include "frames/blend_row.h"
 
-#include "frames/blit.h"
+#include "frames/yuva_pixel.h"
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -28,7 +28,7 @@ void blend_row_reference(const yuva_row& dst, const uint8_t* coverage, size_t n,
         const unsigned c = coverage[i];
         if (c == 0)
             continue;
-        const unsigned s = (c * a * 257) >> 16;
+        const unsigned s = source_alpha(c, a);
         if (src_y != nullptr)
             yuvablend(dst.y + i, dst.u + i, dst.v + i, dst.a + i, s, src_y[i], src_u[i], src_v[i]);
         else
@@ -128,24 +128,10 @@ void blend_row(const yuva_row& dst, const uint8_t* coverage, size_t n, uint32_t 
         store16(dst.v + i, _mm_packus_epi16(v_lo, v_hi));
         store16(dst.a + i, _mm_packus_epi16(a_lo, a_hi));
     }
-    // The last n - i < 16 pixels one by one, with yuvablend's rules inlined
-    // (row ends are mostly uncovered, which this skips cheaply).
-    const unsigned a = colour >> 24;
-    for (; i < n; i++) {
-        const unsigned c = coverage[i];
-        if (c == 0)
-            continue;
-        const unsigned s = (c * a * 257) >> 16;
-        const unsigned y = src_y ? src_y[i] : colour & 0xFF;
-        const unsigned u = src_y ? src_u[i] : (colour >> 8) & 0xFF;
-        const unsigned v = src_y ? src_v[i] : (colour >> 16) & 0xFF;
-        const unsigned d = dst.a[i];
-        const unsigned ia = d == 0 ? 256 : d + s <= 256 ? (s * 256) / (d + s) : s;
-        dst.y[i] = uint8_t((y * ia + dst.y[i] * (256 - ia) + 128) >> 8);
-        dst.u[i] = uint8_t((u * ia + dst.u[i] * (256 - ia) + 128) >> 8);
-        dst.v[i] = uint8_t((v * ia + dst.v[i] * (256 - ia) + 128) >> 8);
-        dst.a[i] = uint8_t(d + s < 255 ? d + s : 255);
-    }
+    // The last n - i < 16 pixels one by one (row ends are mostly uncovered,
+    // which this skips cheaply).
+    blend_row_reference({dst.y + i, dst.u + i, dst.v + i, dst.a + i}, coverage + i, n - i, colour,
+                        src_y ? src_y + i : nullptr, src_u ? src_u + i : nullptr, src_v ? src_v + i : nullptr);
 }
 #else
 void blend_row(const yuva_row& dst, const uint8_t* coverage, size_t n, uint32_t colour, const uint8_t* src_y,

@@ -1,9 +1,9 @@
 // Row kernels of the blits: one run of pixels of one bitmap row blended into
-// one picture row with yuvablend's rules.
+// one picture row with yuvablend's rules (frames/yuva_pixel.h).
 //
 // Per pixel i with coverage c = coverage[i]:
 //   c == 0: the destination is left alone;
-//   otherwise s = (c * A * 257) >> 16 with A the colour's alpha, and
+//   otherwise s = source_alpha(c, A) with A the colour's alpha, and
 //   yuvablend(destination, s, source Y, U, V), the source colour being the
 //   packed colour or, for colour bitmaps, src_y[i], src_u[i], src_v[i].
 // blend_row gives exactly the bytes of blend_row_reference; it works on 16

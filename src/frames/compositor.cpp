@@ -5,15 +5,16 @@
 #include "frames/compositor.h"
 
 #include <cstdio>
-#include <cstring>
 
 #include "fonts/font_bmp.h"
 #include "fonts/glyph_cache.h"
 #include "fonts/shadow.h"
+#include "frames/background_fill.h"
 #include "frames/blit.h"
 #include "frames/client_context.h"
 #include "frames/frame_buffer.h"
 #include "frames/reader.h"
+#include "frames/yuva_pixel.h"
 #include "items/scroll_settings.h"
 #include "platform/clock.h"
 
@@ -54,16 +55,6 @@ void refresh_text(scrolling_text_client_context* ctx, uint64_t n)
     }
     ctx->parse_text();
     ctx->recompute_text_times();
-}
-
-void fill_background(const my_AVIVideoRandomReader::common_codec_setup_yuv_params& f)
-{
-    const colour_rgba bg = scroll_settings.backgroundColor;
-    const uint32_t c = rgba_to_yuva(bg.r, bg.g, bg.b, bg.a);
-    std::memset(f.y, int(c & 0xFF), f.y_stride * uint64_t(f.height));
-    std::memset(f.u, int((c >> 8) & 0xFF), f.chroma_stride * uint64_t(f.chroma_height));
-    std::memset(f.v, int((c >> 16) & 0xFF), f.chroma_stride * uint64_t(f.chroma_height));
-    std::memset(f.alpha, int(c >> 24), f.alpha_stride * uint64_t(f.height));
 }
 
 void draw(const my_AVIVideoRandomReader::common_codec_setup_yuv_params& f, int32_t x, int32_t y,
@@ -147,14 +138,6 @@ void draw_text(scrolling_text_client_context* ctx, const my_AVIVideoRandomReader
 }
 } // namespace
 
-uint32_t rgba_to_yuva(uint8_t r, uint8_t g, uint8_t b, uint8_t a)
-{
-    const int y = (66 * r + 129 * g + 25 * b + 4096) >> 8;
-    const int u = (-38 * r - 74 * g + 112 * b + 32768) >> 8;
-    const int v = (112 * r - 94 * g - 18 * b + 32768) >> 8;
-    return uint32_t(y & 0xFF) | uint32_t(u & 0xFF) << 8 | uint32_t(v & 0xFF) << 16 | uint32_t(a) << 24;
-}
-
 t4mi_video_frame* load_frame(my_AVIVideoRandomReader* reader, uint64_t n, uint32_t variant,
                              scrolling_text_client_context* ctx, uint32_t)
 {
@@ -174,7 +157,8 @@ t4mi_video_frame* load_frame(my_AVIVideoRandomReader* reader, uint64_t n, uint32
         delete frame;
         return nullptr;
     }
-    fill_background(param);
+    const colour_rgba bg = scroll_settings.backgroundColor;
+    fill_background(param, rgba_to_yuva(bg.r, bg.g, bg.b, bg.a));
     if (!ctx->glyph_placements.empty())
         draw_text(ctx, param, n);
 

@@ -121,14 +121,15 @@ void blit_plain(const frame_params& f, int32_t x, int32_t y, const font_bmp_cach
     if (p.empty())
         return;
     const bool coloured = is_colour(bmp);
+    blend_row_fn* const kernel = blend_row_function();
     const size_t n = size_t(p.last_col - p.first_col);
     for (int64_t row = p.first_row; row < p.last_row; row++) {
         const size_t src = size_t(row) * size_t(bmp->stride) + size_t(p.first_col);
         if (coloured)
-            blend_row(row_at(f, x, y, row, p.first_col), bmp->plane_a + src, n, colour, bmp->plane_y + src,
+            kernel(row_at(f, x, y, row, p.first_col), bmp->plane_a + src, n, colour, bmp->plane_y + src,
                       bmp->plane_u + src, bmp->plane_v + src);
         else
-            blend_row(row_at(f, x, y, row, p.first_col), bmp->plane_a + src, n, colour, nullptr, nullptr, nullptr);
+            kernel(row_at(f, x, y, row, p.first_col), bmp->plane_a + src, n, colour, nullptr, nullptr, nullptr);
     }
 }
 
@@ -146,6 +147,7 @@ void blit_scaled(const frame_params& f, int32_t x, int32_t y, const font_bmp_cac
     // The drawn columns of one row, sampled first and then blended as a row;
     // a row never spans more than the picture (at most 4096 pixels).
     uint8_t sampled[4][frame_max_side];
+    blend_row_fn* const kernel = blend_row_function();
     const size_t n = size_t(p.last_col - p.first_col);
     for (int64_t row = p.first_row; row < p.last_row; row++) {
         const size_t src = size_t(row) * size_t(bmp->stride);
@@ -159,8 +161,8 @@ void blit_scaled(const frame_params& f, int32_t x, int32_t y, const font_bmp_cac
             }
         }
         if (coloured)
-            blend_row(row_at(f, x, y, row, p.first_col), sampled[0], n, colour, sampled[1], sampled[2], sampled[3]);
+            kernel(row_at(f, x, y, row, p.first_col), sampled[0], n, colour, sampled[1], sampled[2], sampled[3]);
         else
-            blend_row(row_at(f, x, y, row, p.first_col), sampled[0], n, colour, nullptr, nullptr, nullptr);
+            kernel(row_at(f, x, y, row, p.first_col), sampled[0], n, colour, nullptr, nullptr, nullptr);
     }
 }

@@ -1,7 +1,8 @@
 // The frame compositor. Per frame: bring the text up to date, look in the
-// cache, allocate a shared frame, fill the background, then walk the glyph
-// placements that fall into the picture at this frame's strip offset and
-// draw each glyph's shadow, then the glyph.
+// cache, allocate a shared frame, walk the glyph placements that fall into
+// the picture at this frame's strip offset, queueing each glyph's shadow,
+// then the glyph, and paint the background and the queued bitmaps
+// (frame_painter.h).
 #include "frames/compositor.h"
 
 #include <cstdio>
@@ -9,10 +10,9 @@
 #include "fonts/font_bmp.h"
 #include "fonts/glyph_cache.h"
 #include "fonts/shadow.h"
-#include "frames/background_fill.h"
-#include "frames/blit.h"
 #include "frames/client_context.h"
 #include "frames/frame_buffer.h"
+#include "frames/frame_painter.h"
 #include "frames/reader.h"
 #include "frames/yuva_pixel.h"
 #include "items/scroll_settings.h"
@@ -57,18 +57,9 @@ void refresh_text(scrolling_text_client_context* ctx, uint64_t n)
     ctx->recompute_text_times();
 }
 
-void draw(const my_AVIVideoRandomReader::common_codec_setup_yuv_params& f, int32_t x, int32_t y,
-          const font_bmp_cache_storage* bmp, uint32_t colour, uint64_t h_scale)
+void draw_placed(scrolling_text_client_context* ctx, frame_painter& painter, const placed_glyph& pg, int32_t x0)
 {
-    if (h_scale == 256)
-        blit_plain(f, x, y, bmp, colour);
-    else
-        blit_scaled(f, x, y, bmp, colour, h_scale);
-}
-
-void draw_placed(scrolling_text_client_context* ctx, const my_AVIVideoRandomReader::common_codec_setup_yuv_params& f,
-                 const placed_glyph& pg, int32_t x0)
-{
+    const auto& f = painter.frame();
     const int64_t W = f.width;
     const int64_t H = f.height;
     const uint64_t size = uint64_t(pg.pixel_size);
@@ -83,7 +74,7 @@ void draw_placed(scrolling_text_client_context* ctx, const my_AVIVideoRandomRead
                 if (sx < W) {
                     const int64_t sy = int64_t(ctx->shadow_offset_y) + pg.line_top + sh->y_offset;
                     if (sy < H && ctx->h_scale >= 1)
-                        draw(f, int32_t(sx), int32_t(sy), sh, colour, ctx->h_scale);
+                        painter.draw(int32_t(sx), int32_t(sy), sh, colour, ctx->h_scale);
                 }
             }
         }
@@ -97,12 +88,12 @@ void draw_placed(scrolling_text_client_context* ctx, const my_AVIVideoRandomRead
     const int64_t gx = ((int64_t(g->x_offset) * hs) >> 8) + x0;
     const int64_t gy = int64_t(pg.line_top) + g->y_offset;
     if (gx < W && gy < H && ctx->h_scale >= 1)
-        draw(f, int32_t(gx), int32_t(gy), g, colour, ctx->h_scale);
+        painter.draw(int32_t(gx), int32_t(gy), g, colour, ctx->h_scale);
 }
 
-void draw_text(scrolling_text_client_context* ctx, const my_AVIVideoRandomReader::common_codec_setup_yuv_params& f,
-               uint64_t n)
+void draw_text(scrolling_text_client_context* ctx, frame_painter& painter, uint64_t n)
 {
+    const auto& f = painter.frame();
     const auto& placements = ctx->glyph_placements;
     const uint64_t H = uint64_t(f.height);
     const uint64_t strip = ((ctx->scroll_step * n) >> 12) / ctx->frames_per_step;
@@ -128,7 +119,7 @@ void draw_text(scrolling_text_client_context* ctx, const my_AVIVideoRandomReader
             if (x0 > f.width + 63)
                 return;
             for (const placed_glyph& pg : it->second)
-                draw_placed(ctx, f, pg, x0);
+                draw_placed(ctx, painter, pg, x0);
         }
         if (scroll_settings.static_)
             return;
@@ -157,10 +148,11 @@ t4mi_video_frame* load_frame(my_AVIVideoRandomReader* reader, uint64_t n, uint32
         delete frame;
         return nullptr;
     }
-    const colour_rgba bg = scroll_settings.backgroundColor;
-    fill_background(param, rgba_to_yuva(bg.r, bg.g, bg.b, bg.a));
+    frame_painter painter(param);
     if (!ctx->glyph_placements.empty())
-        draw_text(ctx, param, n);
+        draw_text(ctx, painter, n);
+    const colour_rgba bg = scroll_settings.backgroundColor;
+    painter.paint(rgba_to_yuva(bg.r, bg.g, bg.b, bg.a));
 
     if (t4mi_video_frame* stored = reader->frame_manager.find_frame(n, variant)) {
         delete frame;

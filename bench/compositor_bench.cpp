@@ -13,7 +13,7 @@
 #include <unistd.h>
 
 #include "frames/reader.h"
-#include "frames/render_session.h"
+#include "main/render_session.h"
 #include "platform/video_frame.h"
 
 namespace {

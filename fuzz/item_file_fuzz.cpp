@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <unistd.h>
 
+#include "items/item_types.h"
 #include "items/scroll_settings.h"
 #include "platform/t4mi_globals.h"
 

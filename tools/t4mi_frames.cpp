@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "frames/frame_buffer.h"
-#include "frames/render_session.h"
+#include "main/render_session.h"
 #include "frames/yuva_png.h"
 #include "platform/video_frame.h"
 

@@ -34,18 +34,6 @@ namespace {
 // Line heights above this are refused (the frame buffers stop at 4096).
 constexpr uint64_t max_line_height = 2048;
 
-// The context's horizontal pixel-aspect factor for emoji images: frame width
-// over the frame's width at the screen aspect, 1.0 without an aspect.
-double horizontal_factor(const scrolling_text_client_context* ctx)
-{
-    const int64_t num = ctx->screen_aspect_num;
-    const int64_t den = ctx->screen_aspect_den;
-    if (num < 1 || den < 1)
-        return 1.0;
-    return double(ctx->reader->frame_width) /
-           (double(num) * double(ctx->reader->frame_height) / double(den));
-}
-
 // Loads and renders glyph `index` of `face` with the context's transform.
 // Null (with its message) when FreeType fails or gives a bitmap we cannot
 // copy: only 8-bit grey, top-down rows.
@@ -117,7 +105,7 @@ uint8_t* raw_plane(size_t bytes)
 font_bmp_cache_storage* emoji_record(const scrolling_text_client_context* ctx, const font_bmp_cache_storage* e,
                                      int64_t size, int64_t pixel_size)
 {
-    const double f = horizontal_factor(ctx);
+    const double f = ctx->pixel_aspect_factor(ctx->reader->frame_width, ctx->reader->frame_height);
     const int64_t target_h = std::max<int64_t>(4, pixel_size);
     font_bmp_cache_storage* bmp = font_bmp_alloc();
     const uint8_t* source[4] = {e->plane_a, e->plane_y, e->plane_u, e->plane_v};

@@ -6,15 +6,10 @@
 
 FT_Matrix context_glyph_matrix(const scrolling_text_client_context* ctx)
 {
-    FT_Matrix m{0x10000, 0, 0, 0x10000};
-    const int64_t num = ctx->screen_aspect_num;
-    const int64_t den = ctx->screen_aspect_den;
-    if (num >= 1 && den >= 1) {
-        const double w = ctx->reader ? ctx->reader->frame_width : double(ctx->picture_width);
-        const double h = ctx->reader ? ctx->reader->frame_height : double(ctx->picture_height);
-        m.xx = FT_Fixed(65536.0 * w / (double(num) * h / double(den)));
-    }
-    return m;
+    // Without an aspect the factor is 1.0, and xx stays 0x10000.
+    const double w = ctx->reader ? ctx->reader->frame_width : double(ctx->picture_width);
+    const double h = ctx->reader ? ctx->reader->frame_height : double(ctx->picture_height);
+    return FT_Matrix{FT_Fixed(65536.0 * ctx->pixel_aspect_factor(w, h)), 0, 0, 0x10000};
 }
 
 int kerning_between(scrolling_text_client_context* ctx, int32_t left, int32_t right)

@@ -5,12 +5,14 @@
 #include "items/scroll_settings.h"
 #include "platform/t4mi_globals.h"
 
-namespace {
-// "All of them": the count handed to flush_unused_frames.
-constexpr uint64_t flush_everything = 999999;
-} // namespace
-
 scrolling_text_client_context::scrolling_text_client_context(uint64_t id_) : t4mi_client_context(id_) {}
+
+double scrolling_text_client_context::pixel_aspect_factor(double width, double height) const
+{
+    if (screen_aspect_num < 1 || screen_aspect_den < 1)
+        return 1.0;
+    return width / (double(screen_aspect_num) * height / double(screen_aspect_den));
+}
 
 scrolling_text_client_context::~scrolling_text_client_context()
 {
@@ -89,7 +91,7 @@ void scrolling_text_client_context::apply_client_settings(const t4mi_client_sett
     }
     reader->frame_width = int32_t(picture_width);
     reader->frame_height = int32_t(picture_height);
-    reader->frame_manager.flush_unused_frames(flush_everything);
+    reader->frame_manager.flush_unused_frames(FLUSH_EVERYTHING);
 
     state_configured = 1;
     state_pending = 0;

@@ -130,6 +130,13 @@ public:
     // --- layout (frames/layout.cpp) -----------------------------------------
     void recompute_text_times();
 
+    // The horizontal pixel-aspect factor of a width x height picture on this
+    // client's screen: the width over the width the picture would have at
+    // the screen aspect; 1.0 while no aspect is known. Glyphs are widened by
+    // it and the scroll speed scaled, so text looks the same on non-square
+    // pixels (frames/client_context.cpp).
+    double pixel_aspect_factor(double width, double height) const;
+
     // --- glyphs (fonts/) -----------------------------------------------------
     // Uncached loads; use get_font_bmp / get_shadow_bmp, which cache.
     struct font_bmp_cache_storage* load_font_bmp(uint64_t line_height, int32_t code);
@@ -150,7 +157,7 @@ public:
 
     // Text state.
     std::vector<text_run> runs;
-    text_run style;                 // the style stamped on the next character
+    run_style style;                // the style stamped on the next character
     json11::Json data;              // schedule data; null until a packet arrives
     bool text_dirty = true;         // parse and lay out again
     bool parse_pending = true;      // parse again

@@ -3,11 +3,6 @@
 #include "frames/client_context.h"
 #include "platform/t4mi_globals.h"
 
-namespace {
-// "All of them": the count handed to flush_unused_frames when making room.
-constexpr uint64_t flush_everything = 999999;
-} // namespace
-
 my_AVIVideoRandomReader::my_AVIVideoRandomReader() = default;
 my_AVIVideoRandomReader::~my_AVIVideoRandomReader() = default;
 
@@ -20,10 +15,10 @@ void my_AVIVideoRandomReader::release_cache()
     for (const auto& [id, base] : t4mi_client_contexts.all()) {
         auto* ctx = dynamic_cast<scrolling_text_client_context*>(base.get());
         if (ctx != nullptr && ctx->reader != nullptr)
-            ctx->reader->frame_manager.flush_unused_frames(flush_everything);
+            ctx->reader->frame_manager.flush_unused_frames(FLUSH_EVERYTHING);
     }
 }
 
 scrolling_text_videorandomreader::~scrolling_text_videorandomreader() { frame_manager.flush_all_frames(); }
 
-void scrolling_text_videorandomreader::release_cache() { frame_manager.flush_unused_frames(flush_everything); }
+void scrolling_text_videorandomreader::release_cache() { frame_manager.flush_unused_frames(FLUSH_EVERYTHING); }

@@ -6,16 +6,11 @@
 #include "frames/compositor.h"
 #include "frames/reader.h"
 #include "items/scroll_settings.h"
-#include "main/main_globals.h"
 #include "platform/client_context.h"
 #include "platform/serve.h"
 #include "platform/t4mi_globals.h"
 #include "platform/tnb.h"
 #include "platform/video_frame.h"
-
-namespace {
-constexpr uint64_t flush_everything = 999999;
-} // namespace
 
 bool wait_for_shared_buffer(t4mi_connection* connection)
 {
@@ -47,7 +42,7 @@ t4mi_video_frame* scrolling_text_video_reference::find_frame(const t4mi_frame_re
     t4mi_video_frame* f = reader->frame_manager.find_frame(frame_number, variant);
     if (f != nullptr && !tnb_alloc_is_live(&f->tnb_alloc)) {
         // The buffer was dropped while the frame sat in the cache.
-        reader->frame_manager.flush_unused_frames(flush_everything);
+        reader->frame_manager.flush_unused_frames(FLUSH_EVERYTHING);
         return nullptr;
     }
     return f;

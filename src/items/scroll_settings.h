@@ -68,8 +68,12 @@ void fold_opacities(const pending_opacities& opacities);
 // a negative multiLine becomes 1.
 void normalise_loaded_settings();
 
-// Reloads the record and the text from the item file (t4mi_meta->file_fd).
-void load_message();
+// Reloads the record and the text from the item file (t4mi_meta->file_fd,
+// under an exclusive flock). With `settings_lines` the file is in the
+// scroll-text format: "#-key=value" lines are settings, the other lines text;
+// otherwise the whole file is the text. load_message (items/item_types.h)
+// picks the format by the item's type.
+void load_item_file(bool settings_lines);
 
 // --- RSS feed state (see rss_loader.cpp and rss_download.cpp) ---------------
 extern std::string feed_url;          // empty: no feed

@@ -1,7 +1,6 @@
 // The scroll-text item loader: settings lines and text lines of the item file.
 #include <cstdio>
 #include <cstring>
-#include <strings.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,12 +12,6 @@
 #include "platform/text_helpers.h"
 
 namespace {
-bool is_scroll_text_type(const std::string& type)
-{
-    return strcasecmp(type.c_str(), "application/x-tevrin-scrolling-text") == 0 ||
-           strcasecmp(type.c_str(), "application/vnd.tv.tevrin.text-item") == 0;
-}
-
 void parse_scroll_text_lines(const char* buffer)
 {
     pending_opacities opacities;
@@ -55,7 +48,7 @@ void parse_scroll_text_lines(const char* buffer)
 }
 } // namespace
 
-void load_message()
+void load_item_file(bool settings_lines)
 {
     const int fd = t4mi_meta ? t4mi_meta->file_fd : -1;
     struct stat st {};
@@ -70,7 +63,7 @@ void load_message()
     const char* buffer = read_item_file(fd);
 
     reset_scroll_settings(false);
-    if (!is_scroll_text_type(t4mi_file_type))
+    if (!settings_lines)
         scroll_settings.text = buffer;
     else
         parse_scroll_text_lines(buffer);

@@ -1,21 +1,12 @@
 // Identification of an item file by its first line.
 #include <cstdio>
-#include <cstring>
 #include <sys/stat.h>
 
+#include "items/item_types.h"
 #include "main/process.h"
 #include "platform/sliding_window.h"
 #include "platform/t4mi_assert.h"
 #include "platform/t4mi_globals.h"
-
-namespace {
-// A header counts only when a line end follows it directly.
-bool header_is(const unsigned char* window, const char* header)
-{
-    const size_t n = std::strlen(header);
-    return std::memcmp(window, header, n) == 0 && (window[n] == '\n' || window[n] == '\r');
-}
-} // namespace
 
 int examine_file()
 {
@@ -33,13 +24,7 @@ int examine_file()
     T4MI_ASSERT(sliding_window_v4_mmap_lazy_lseek(wmap,0,window_size));
     T4MI_ASSERT(wmap->buffer != NULL);
 
-    const char* type = nullptr;
-    if (header_is(wmap->buffer, "#Tevrin4ScrollText"))
-        type = "application/x-tevrin-scrolling-text";
-    else if (header_is(wmap->buffer, "#Tevrin4RSS"))
-        type = "application/x-tevrin-rss-feed";
-    else if (header_is(wmap->buffer, "#TevrinMetadataTemplate"))
-        type = "application/x-tevrin-metadata-template";
+    const item_type* type = item_type_of_first_line(wmap->buffer, window_size);
     if (type == nullptr) {
         sliding_window_v4_destroy(wmap);
         std::fprintf(stderr, "This is not a scrolling text file.\n");
@@ -47,7 +32,7 @@ int examine_file()
     }
     wmap = sliding_window_v4_destroy(wmap);
     T4MI_ASSERT(wmap == NULL);
-    t4mi_set_string(&t4mi_file_type, type);
+    t4mi_set_string(&t4mi_file_type, type->mime_type);
     std::fprintf(stderr, "* Identified file, updating metadata\n");
     t4mi_do_write_metadata = 1;
     return 0;

@@ -1,13 +1,8 @@
-// The process frame's globals: the signal counter, the item-file watch and
-// the serve loop's wall-clock check.
+// The process frame's globals: the item-file watch and the serve loop's
+// wall-clock check. The signal counter, DIE4, is in platform/t4mi_globals.h.
 #pragma once
 
-#include <csignal>
 #include <cstdint>
-
-// Signals received. The serve loop leaves when it is non-zero; the twentieth
-// signal aborts the process outright.
-extern volatile std::sig_atomic_t DIE4;
 
 // Item-file watch.
 extern uint64_t watch_next_check;   // monotonic µs of the next disk check

@@ -1,5 +1,23 @@
 // The start-up and shut-down steps of the process, callable on their own.
+// The program (start_up, then main.cpp) runs them in order; the in-process
+// render session (render_session.h) runs the ones it needs.
 #pragma once
+
+// Start-up, every step in order (t4mi_scrolltext.cpp): -1 when the process is
+// to serve, else its exit status, after tear-down where start-up got that
+// far. Process-wide: it parses the command line into the framework's globals.
+int start_up(int argc, char** argv);
+
+// FreeType, the default and emoji faces, then the font catalogue. Null on
+// success, else the failure's message line (with its line feed); what was
+// opened stays open for close_fonts.
+const char* open_fonts();
+
+// The font catalogue's faces, then the two built-in faces and FreeType.
+void close_fonts();
+
+// Frees every frame buffer allocation and drops the shared buffer.
+void release_frame_buffers();
 
 // Identifies the item file by its first line. 0 when identified (the type is
 // stored and the metadata marked for writing), 1 otherwise.

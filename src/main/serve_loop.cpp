@@ -5,6 +5,7 @@
 #include "fonts/font_catalogue.h"
 #include "frames/client_context.h"
 #include "frames/reader.h"
+#include "items/item_types.h"
 #include "items/rss_download.h"
 #include "items/rss_loader.h"
 #include "items/scroll_settings.h"
@@ -51,14 +52,8 @@ void apply_changes()
     if (item_file_changed()) {
         std::fprintf(stderr, "Text item changed\n");
         build_font_catalogue();
-        // Start-up never admits this type, so in practice the text is always reloaded.
-        if (t4mi_file_type != "application/s-tavrin-metadata-template") {
-            if (t4mi_file_type == "application/x-tevrin-rss-feed")
-                load_rss_feed();
-            else
-                load_message();
-            for_each_context([](scrolling_text_client_context& ctx) { ctx.text_dirty = true; });
-        }
+        reload_item_text();
+        for_each_context([](scrolling_text_client_context& ctx) { ctx.text_dirty = true; });
     } else if (rss_feed_changed()) {
         std::fprintf(stderr, "RSS feed changed\n");
         build_font_catalogue();

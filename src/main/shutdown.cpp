@@ -17,8 +17,7 @@ int shut_down()
     tnb_alloc_print_remaining_buffers();
     std::fprintf(stderr, "--------------------------------------------------------------\n");
     std::fprintf(stderr, "Cleaning up\n");
-    tnb_alloc_freeall();
-    tnb_default_buffer_drop();
+    release_frame_buffers();
     std::fprintf(stderr, "Housekeeping shut down\n");
     std::fprintf(stderr, "Freeing cache %p\n", static_cast<void*>(t4mi_acc_cache));
     t4mi_global_access_cache_cleanup_idle(t4mi_acc_cache);

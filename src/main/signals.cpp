@@ -1,9 +1,9 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "main/main_globals.h"
 #include "main/process.h"
 #include "platform/args.h"
+#include "platform/t4mi_globals.h"
 
 // Only counts: the serve loop notices at the top of its next turn. The
 // twentieth signal means the loop is stuck, so it ends the process outright.

@@ -2,8 +2,8 @@
 //
 // Start-up, in order: command line, derived parameters, FreeType and the two
 // built-in faces, the font catalogue, identification, the item's text,
-// metadata write-back, the factories, readiness; then the serve loop and the
-// ordered shut-down.
+// metadata write-back, the factories, readiness. The entry point (main.cpp)
+// then runs the serve loop and the ordered shut-down.
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -11,16 +11,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <strings.h>
 #include <unistd.h>
 
-#include "fonts/builtin_faces.h"
-#include "fonts/font_catalogue.h"
-#include "fonts/font_globals.h"
 #include "frames/client_context.h"
 #include "frames/video_reference.h"
-#include "items/rss_loader.h"
-#include "items/scroll_settings.h"
+#include "items/item_types.h"
 #include "main/control_packets.h"
 #include "main/main_globals.h"
 #include "main/process.h"
@@ -89,26 +84,6 @@ int derive_parameters()
     return -1;
 }
 
-int open_faces()
-{
-    if (const char* failure = open_builtin_faces()) {
-        std::fputs(failure, stderr);
-        return 1;
-    }
-    return -1;
-}
-
-bool is_known_type(const std::string& type)
-{
-    static const char* const known[] = {
-        "application/x-tevrin-scrolling-text", "text/plain",
-        "application/x-tevrin-rss-feed",       "application/x-tevrin-metadata-template",
-        "application/vnd.tv.tevrin.text-item",
-    };
-    return std::any_of(std::begin(known), std::end(known),
-                       [&](const char* k) { return strcasecmp(type.c_str(), k) == 0; });
-}
-
 void install_signal_handlers()
 {
     struct sigaction sa {};
@@ -116,17 +91,6 @@ void install_signal_handlers()
     sigemptyset(&sa.sa_mask);
     for (int sig : {SIGTERM, SIGQUIT, SIGINT})
         sigaction(sig, &sa, nullptr);
-}
-
-// Plain-text and template items get their text from the file watch, about
-// two seconds after serving starts.
-void load_item_text()
-{
-    if (t4mi_file_type == "application/x-tevrin-rss-feed")
-        load_rss_feed();
-    else if (t4mi_file_type == "application/x-tevrin-scrolling-text" ||
-             t4mi_file_type == "application/vnd.tv.tevrin.text-item")
-        load_message();
 }
 
 void daemonize()
@@ -144,15 +108,16 @@ void daemonize()
 }
 } // namespace
 
-int main(int argc, char** argv)
+int start_up(int argc, char** argv)
 {
     if (int status = parse_command_line(argc, argv); status >= 0)
         return status;
     if (int status = derive_parameters(); status >= 0)
         return status;
-    if (int status = open_faces(); status >= 0)
-        return status;
-    build_font_catalogue();
+    if (const char* failure = open_fonts()) {
+        std::fputs(failure, stderr);
+        return 1;
+    }
 
     t4mi_on_metadata_set = metadata_set_ignored;
     on_t4mi_custom_packet = my_custom_packet_handler;
@@ -180,7 +145,7 @@ int main(int argc, char** argv)
         t4mi_do_write_metadata = 1;
 
     if (!t4mi_file_type.empty()) {
-        if (!is_known_type(t4mi_file_type)) {
+        if (find_item_type(t4mi_file_type) == nullptr) {
             std::fprintf(stderr, "Unknown file type field\n");
             tear_down();
             return 1;
@@ -189,7 +154,7 @@ int main(int argc, char** argv)
         tear_down();
         return 1;
     }
-    load_item_text();
+    load_item_text_at_start();
 
     t4mi_print_standard_metadata_state();
     T4MI_ASSERT(t4mi_meta->file_fd >= 0);
@@ -234,6 +199,5 @@ int main(int argc, char** argv)
     mono_auto_shutdown = auto_shutdown_delay_initial ? monotonic_clock_us() + auto_shutdown_delay_initial : 0;
     if (!json_next_xmit_rebuild)
         rebuild_json();
-    serve_loop();
-    return shut_down();
+    return -1;
 }

@@ -5,12 +5,10 @@
 #include "fonts/font_globals.h"
 #include "main/process.h"
 #include "platform/derived_params.h"
-#include "platform/tnb.h"
 
 void tear_down()
 {
-    tnb_alloc_freeall();
-    tnb_default_buffer_drop();
+    release_frame_buffers();
     close_builtin_faces();
     t4mi_free_all();
     xmlCleanupParser();

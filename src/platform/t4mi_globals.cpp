@@ -29,6 +29,7 @@ t4mi_global_access_cache* t4mi_acc_cache = nullptr;
 t4mi_client_context_registry t4mi_client_contexts;
 comm_socket_v4_server* t4mi_comm_server = nullptr;
 int t4mi_should_exit = 0;
+volatile std::sig_atomic_t DIE4 = 0;
 uint64_t mono_auto_shutdown = 0;
 int json_next_xmit_rebuild = 0;
 uint64_t json_next_xmit = 0;

@@ -3,6 +3,7 @@
 // and sets them; the platform library owns them.
 #pragma once
 
+#include <csignal>
 #include <cstdint>
 #include <string>
 
@@ -48,6 +49,10 @@ extern t4mi_global_access_cache* t4mi_acc_cache;
 extern t4mi_client_context_registry t4mi_client_contexts;
 extern comm_socket_v4_server* t4mi_comm_server;
 extern int t4mi_should_exit;             // a client asked the process to exit
+// Stop signals received (SIGTERM, SIGQUIT, SIGINT; the program's handler,
+// main/signals.cpp, counts them). The serve loop leaves and a render waiting
+// for the shared buffer gives up when it is non-zero.
+extern volatile std::sig_atomic_t DIE4;
 extern uint64_t mono_auto_shutdown;      // monotonic µs; 0: no deadline
 extern int json_next_xmit_rebuild;
 extern uint64_t json_next_xmit;

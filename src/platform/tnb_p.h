@@ -1,4 +1,4 @@
-// Internal state of the shared frame-buffer domain, shared by tnb_domain.cpp,
+// Internal state of the shared frame-buffer domain, shared by tnb.cpp,
 // tnb_alloc.cpp and access_cache.cpp. Not for use outside src/platform/.
 #pragma once
 

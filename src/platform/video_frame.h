@@ -63,6 +63,10 @@ struct t4mi_frame_key {
     auto operator<=>(const t4mi_frame_key&) const = default;
 };
 
+// The count every flush of unused frames passes: far more frames than a
+// cache ever holds, so it means all of them.
+inline constexpr uint64_t FLUSH_EVERYTHING = 999999;
+
 // The frame cache of one reader. Every frame in it is owned by it.
 class t4mi_video_frame_manager {
 public:
@@ -82,8 +86,8 @@ public:
     bool store_frame(uint64_t frame_number, uint32_t variant, t4mi_video_frame* frame);
 
     // Deletes cached frames that no client holds (reference count 0), in key
-    // order, at most `limit` of them (999999 in practice: all). Returns how
-    // many were deleted.
+    // order, at most `limit` of them (FLUSH_EVERYTHING in practice). Returns
+    // how many were deleted.
     size_t flush_unused_frames(uint64_t limit);
 
     // Deletes every cached frame, held or not. Returns how many.

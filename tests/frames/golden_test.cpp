@@ -25,6 +25,7 @@
 #include "frames/compose_fixture.h"
 #include "frames/reader.h"
 #include "frames/yuva_png.h"
+#include "items/item_types.h"
 #include "items/scroll_settings.h"
 #include "platform/fixed_paths.h"
 #include "platform/video_frame.h"

@@ -6,7 +6,6 @@
 #include "frames/reader.h"
 #include "frames/video_reference.h"
 #include "items/scroll_settings.h"
-#include "main/main_globals.h"
 #include "platform/client_context.h"
 #include "platform/t4mi_globals.h"
 #include "platform/tnb.h"

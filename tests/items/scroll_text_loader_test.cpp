@@ -4,6 +4,7 @@
 #include <string>
 #include <unistd.h>
 
+#include "items/item_types.h"
 #include "items/scroll_settings.h"
 #include "platform/t4mi_globals.h"
 #include "support/item_fixture.h"

@@ -1,3 +1,4 @@
+#include "items/item_types.h"
 #include "main/serving_fixture.h"
 
 #include <chrono>

@@ -16,6 +16,7 @@
 #include "frames/compositor.h"
 #include "frames/frame_buffer.h"
 #include "frames/reader.h"
+#include "items/item_types.h"
 #include "items/scroll_settings.h"
 #include "main/serving_fixture.h"
 #include "platform/packet_codec.h"

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "main/main_globals.h"
 #include "main/process.h"
+#include "platform/t4mi_globals.h"
 
 namespace {
 

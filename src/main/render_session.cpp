@@ -1,19 +1,14 @@
-#include "frames/render_session.h"
+#include "main/render_session.h"
 
 #include <algorithm>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "fonts/builtin_faces.h"
-#include "fonts/font_catalogue.h"
-#include "fonts/font_globals.h"
 #include "frames/compositor.h"
 #include "frames/reader.h"
-#include "items/rss_loader.h"
-#include "items/scroll_settings.h"
+#include "items/item_types.h"
 #include "main/process.h"
-#include "platform/fixed_paths.h"
 #include "platform/t4mi_globals.h"
 #include "platform/tnb.h"
 
@@ -36,20 +31,17 @@ render_session::~render_session()
     close_item();
     if (!opened)
         return;
-    tnb_alloc_freeall();
-    tnb_default_buffer_drop();
-    clear_font_catalogue();
-    close_builtin_faces();
+    release_frame_buffers();
+    close_fonts();
 }
 
 bool render_session::open(uint64_t budget, std::string* err)
 {
     opened = true;
-    if (const char* failure = open_builtin_faces()) {
+    if (const char* failure = open_fonts()) {
         err->assign(failure, std::strlen(failure) - 1);
         return false;
     }
-    build_font_catalogue();
     if (t4mi_join_tnb_domain() != 0) {
         *err = "Failed to join TNB domain";
         return false;
@@ -86,10 +78,8 @@ bool render_session::load_item(const std::string& path, const std::string& mime_
         *err = "not a scrolling text file: " + path;
         return false;
     }
-    if (t4mi_file_type == "application/x-tevrin-rss-feed")
-        load_rss_feed();
-    else
-        load_message();
+    // No file watch runs here, so text and template items are read at once.
+    reload_item_text();
     return true;
 }
 

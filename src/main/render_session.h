@@ -1,9 +1,10 @@
 // Rendering frames in-process, without a socket: what the offline render
-// tool, the golden-frame tests and the benchmarks share.
+// tool (t4mi_frames) and the benchmarks share.
 //
-// A session opens what start-up would (FreeType with the two built-in faces,
-// the font catalogue, the shared frame-buffer domain with a budget, the
-// access cache), loads an item file into the scroll settings, and makes
+// A session runs start-up's steps (process.h) that rendering needs: FreeType
+// with the two built-in faces and the font catalogue, the shared frame-buffer
+// domain with a budget, the access cache. It loads an item file into the
+// scroll settings by its type (items/item_types.h), and makes
 // client contexts configured like a client's settings would. Frames then
 // come from load_frame() exactly as a served client gets them.
 #pragma once

@@ -18,6 +18,7 @@
 
 #include "fonts/font_bmp.h"
 #include "fonts/font_globals.h"
+#include "frames/yuva_pixel.h"
 #include "platform/fixed_paths.h"
 #include "platform/t4mi_assert.h"
 #include "platform/t4mi_globals.h"
@@ -226,16 +227,16 @@ font_bmp_cache_storage* load_png_as_font_bmp(const char* path)
     bmp->plane_y = font_bmp_zeroed_plane(bmp->stride, bmp->height);
     bmp->plane_u = font_bmp_zeroed_plane(bmp->stride, bmp->height);
     bmp->plane_v = font_bmp_zeroed_plane(bmp->stride, bmp->height);
-    // Studio-range BT.601 with no rounding term; colour is not premultiplied,
-    // so a transparent pixel keeps its own colour.
+    // The text colours' conversion; colour is not premultiplied, so a
+    // transparent pixel keeps its own colour.
     for (png_uint_32 y = 0; y < height; y++) {
         const uint8_t* in = rows[y];
         const size_t at = size_t(y) * size_t(bmp->stride);
         for (png_uint_32 x = 0; x < width; x++, in += 4) {
-            const int32_t r = in[0], g = in[1], b = in[2];
-            bmp->plane_y[at + x] = uint8_t((66 * r + 129 * g + 25 * b + 4096) >> 8);
-            bmp->plane_u[at + x] = uint8_t((-38 * r - 74 * g + 112 * b + 32768) >> 8);
-            bmp->plane_v[at + x] = uint8_t((112 * r - 94 * g - 18 * b + 32768) >> 8);
+            const yuv_colour c = rgb_to_yuv(in[0], in[1], in[2]);
+            bmp->plane_y[at + x] = c.y;
+            bmp->plane_u[at + x] = c.u;
+            bmp->plane_v[at + x] = c.v;
             bmp->plane_a[at + x] = in[3];
         }
     }

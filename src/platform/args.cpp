@@ -39,7 +39,7 @@ const standard_switch switches[] = {
     {"auto-shutdown", kind::seconds, "SECONDS", "exit after this long without a client (0: never; default 0)", &auto_shutdown_delay_initial, 0},
     {"cgroup-active", kind::text, "DIR", "control group to join while serving frames", &t4mi_cgroup_active, 0},
     {"cgroup-idle", kind::text, "DIR", "control group to join while idle", &t4mi_cgroup_idle, 0},
-    {"frame-cache", kind::mebibytes, "MIB", "memory for frames no client holds, in MiB (0: no bound; default 64)", &t4mi_frame_cache_mib, 0},
+    {"frame-cache", kind::mebibytes, "MIB", "memory for frames no client holds, in MiB (0: no bound; default 32)", &t4mi_frame_cache_mib, 0},
     {"shared-buffer", kind::mebibytes, "MIB", "at most this much shared memory for frames, in MiB (default: half the free, up to 4000)", &t4mi_shared_buffer_mib, 0},
     // Listed by the program's own help line, not by t4mi_std_help.
     {"oneshot", kind::flag, nullptr, nullptr, &t4mi_oneshot, 1},

@@ -35,9 +35,9 @@ uint64_t mono_auto_shutdown = 0;
 int json_next_xmit_rebuild = 0;
 uint64_t json_next_xmit = 0;
 // Short on purpose: a released frame stays cached for the sum of the two, and
-// while it does its pages cannot take a new frame, so every new frame of a
-// fast client lands on fresh pages that the kernel must fault in and clear
-// (docs/platform.md, "Frame retention").
+// while it does its pages cannot take a new frame; without a frame-memory
+// budget every new frame of a fast client then lands on fresh pages that the
+// kernel must fault in and clear (docs/platform.md, "Frame retention").
 uint64_t picture_flush_deref_delay = 500000;
 uint64_t picture_auto_deref_delay = 2000000;
 uint64_t picture_cache_budget = 0;

@@ -35,7 +35,7 @@ extern int64_t t4mi_shared_buffer_mib;   // --shared-buffer, in MiB: caps tnb_to
 // Start-up's frame-memory budget when --frame-cache is not given: with what a
 // client holds, a 1080-line item at 59.94 frames/s stays under 128 MiB
 // (docs/frame-buffers.md).
-inline constexpr int64_t t4mi_frame_cache_default_mib = 64;
+inline constexpr int64_t t4mi_frame_cache_default_mib = 32;
 
 // --- derived at start-up -----------------------------------------------------
 extern t4mi_meta_record* t4mi_meta;                 // null until derived

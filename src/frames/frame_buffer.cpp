@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/frame_retention.h"
 #include "platform/t4mi_assert.h"
 #include "platform/t4mi_globals.h"
 #include "platform/tnb.h"
@@ -73,6 +74,9 @@ bool my_AVIVideoRandomReader::common_alloc_yuv_planar(t4mi_video_frame* tframe, 
     tframe->height = int32_t(param.height);
     T4MI_ASSERT(tframe->tnb_alloc.length == 0);
     const long long number = tframe->frame_number;
+    // Within the frame-memory budget, the frame takes a warm slot that a
+    // frame nobody holds gives up.
+    t4mi_frame_retention_make_room(param.alloc_size);
     if (tnb_malloc(&tframe->tnb_alloc, param.alloc_size, "V%lld", number))
         return true;
 
@@ -96,6 +100,10 @@ bool my_AVIVideoRandomReader::common_map_yuv_planar(t4mi_video_frame* tframe, co
         std::fprintf(stderr, "Failed to memory-map Y plane\n");
         return false;
     }
+    // Pages that were never committed: fault them in with one call, not one
+    // fault a page as the background fill would.
+    if (a.fresh)
+        t4mi_global_access_cache_prefault(t4mi_acc_cache, a.buffer, a.offset, param.alloc_size);
 
     const uint64_t y_size = param.y_stride * uint64_t(param.height);
     const uint64_t chroma_size = param.chroma_stride * uint64_t(param.chroma_height);

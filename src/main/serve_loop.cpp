@@ -15,6 +15,7 @@
 #include "platform/cgroup.h"
 #include "platform/client_context.h"
 #include "platform/clock.h"
+#include "platform/frame_retention.h"
 #include "platform/serve.h"
 #include "platform/t4mi_globals.h"
 #include "platform/tnb.h"
@@ -44,6 +45,7 @@ void expire_old_frames()
         if (ctx.reader != nullptr)
             ctx.reader->expire_frames(limit);
     });
+    t4mi_frame_retention_trim();
 }
 
 // At most one change per turn: a feed change waits for the next turn.

@@ -13,7 +13,7 @@ namespace {
 std::vector<const char*> arguments;
 size_t next_index = 0;
 
-enum class kind { flag, text, seconds };
+enum class kind { flag, text, seconds, mebibytes };
 
 struct standard_switch {
     const char* name;
@@ -40,6 +40,8 @@ const standard_switch switches[] = {
     {"cgroup-active", kind::text, "DIR", "control group to join while serving frames", &t4mi_cgroup_active, 0},
     {"cgroup-idle", kind::text, "DIR", "control group to join while idle", &t4mi_cgroup_idle, 0},
     {"harden", kind::flag, nullptr, "drop fields over 511 bytes, refuse corrupt emoji images and rootless feeds (default: hang or abort)", &t4mi_harden, 1},
+    {"frame-cache", kind::mebibytes, "MIB", "memory for frames no client holds, in MiB (0: no bound; default 32)", &t4mi_frame_cache_mib, 0},
+    {"shared-buffer", kind::mebibytes, "MIB", "at most this much shared memory for frames, in MiB (default: half the free, up to 4000)", &t4mi_shared_buffer_mib, 0},
     // Listed by the program's own help line, not by t4mi_std_help.
     {"oneshot", kind::flag, nullptr, nullptr, &t4mi_oneshot, 1},
 };
@@ -61,6 +63,18 @@ bool set_value(const standard_switch& sw, const char* value)
         if (errno != 0 || *end != '\0' || !(seconds >= 0.0) || seconds > 1e9)
             return false;
         *static_cast<uint64_t*>(sw.target) = uint64_t(seconds * 1e6);
+        return true;
+    }
+    case kind::mebibytes: {
+        // Whole MiB, up to the 4 GiB a shared buffer can hold.
+        if (value == nullptr || value[0] < '0' || value[0] > '9')
+            return false;
+        char* end = nullptr;
+        errno = 0;
+        const unsigned long long mib = std::strtoull(value, &end, 10);
+        if (errno != 0 || *end != '\0' || mib > 4096)
+            return false;
+        *static_cast<int64_t*>(sw.target) = int64_t(mib);
         return true;
     }
     case kind::flag:
@@ -140,4 +154,6 @@ void t4mi_reset_standard_switches()
     t4mi_force_update_metadata = t4mi_oneshot = t4mi_harden = 0;
     t4mi_metadata_may_update = 1;
     auto_shutdown_delay_initial = 0;
+    t4mi_frame_cache_mib = -1;
+    t4mi_shared_buffer_mib = -1;
 }

@@ -224,8 +224,6 @@ bool t4mi_client::read_some(int64_t deadline_ms)
 {
     if (fd < 0)
         return fail("not connected");
-    if (!wait_io(POLLIN, deadline_ms))
-        return fail("timed out waiting for the server");
     uint8_t buf[64 * 1024];
     iovec iov{buf, sizeof buf};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 8)];
@@ -234,8 +232,16 @@ bool t4mi_client::read_some(int64_t deadline_ms)
     msg.msg_iovlen = 1;
     msg.msg_control = control;
     msg.msg_controllen = sizeof control;
-    const ssize_t n = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
-    if (n < 0 && (errno == EAGAIN || errno == EINTR))
+    // Read first and wait only when nothing is there: a reply that has
+    // already arrived then costs one system call, not two.
+    ssize_t n = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        if (!wait_io(POLLIN, deadline_ms))
+            return fail("timed out waiting for the server");
+        msg.msg_controllen = sizeof control;
+        n = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+    }
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
         return true;
     if (n <= 0) {
         const std::string reason = n == 0 ? "the server closed the connection" : std::strerror(errno);
@@ -428,14 +434,19 @@ bool t4mi_client::receive_frame(uint32_t request_id, t4mi_client_frame* frame)
 
 bool t4mi_client::release_frame(uint64_t n, uint32_t variant)
 {
+    return receive_release(send_release(n, variant));
+}
+
+uint32_t t4mi_client::send_release(uint64_t n, uint32_t variant)
+{
     comm_socket_v4_packet p;
     p.command = "release";
     p.entries.push_back({"frame", std::to_string(n)});
     if (variant != 0)
         p.entries.push_back({"variant", std::to_string(variant)});
-    t4mi_client_reply r;
-    if (!call(p, &r))
-        return false;
+    const uint32_t id = send(p);
+    if (id == 0)
+        return 0;
     if (auto it = held_frames.find({n, variant}); it != held_frames.end() && !it->second.empty()) {
         if (auto m = buffers.find(it->second.back()); m != buffers.end() && m->second.held > 0)
             m->second.held--;
@@ -443,6 +454,14 @@ bool t4mi_client::release_frame(uint64_t n, uint32_t variant)
         if (it->second.empty())
             held_frames.erase(it);
     }
+    return id;
+}
+
+bool t4mi_client::receive_release(uint32_t request_id)
+{
+    t4mi_client_reply r;
+    if (request_id == 0 || !wait_reply(request_id, &r))
+        return false;
     return r.ok() || fail("release refused: " + r.entry("message"));
 }
 

@@ -105,6 +105,10 @@ public:
     bool receive_frame(uint32_t request_id, t4mi_client_frame* frame);
     // "release": gives frame `n` (as requested) back.
     bool release_frame(uint64_t n, uint32_t variant = 0);
+    // The same in two halves: the frame counts as given back from the send,
+    // so a client that keeps requesting need not wait for the answer.
+    uint32_t send_release(uint64_t n, uint32_t variant = 0);
+    bool receive_release(uint32_t request_id);
     // "data": schedule data (JSON text). `changed` (optional) tells whether
     // the server's context took it as new.
     bool send_data(const std::string& json, bool* changed = nullptr);

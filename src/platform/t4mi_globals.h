@@ -32,6 +32,12 @@ extern int t4mi_harden;                  // --harden: survive the three kept haz
 extern std::string t4mi_cgroup_active;   // --cgroup-active: cgroup directory while serving
 extern std::string t4mi_cgroup_idle;     // --cgroup-idle: cgroup directory while idle
 extern uint64_t auto_shutdown_delay_initial; // --auto-shutdown, in µs; 0: never
+extern int64_t t4mi_frame_cache_mib;     // --frame-cache, in MiB; -1: not given (the default below)
+extern int64_t t4mi_shared_buffer_mib;   // --shared-buffer, in MiB: caps tnb_total; -1: not given
+// Start-up's frame-memory budget when --frame-cache is not given: with what a
+// client holds, a 1080-line item at 59.94 frames/s stays under 128 MiB
+// (docs/frame-buffers.md).
+inline constexpr int64_t t4mi_frame_cache_default_mib = 32;
 
 // --- derived at start-up -----------------------------------------------------
 extern t4mi_meta_record* t4mi_meta;                 // null until derived
@@ -60,6 +66,8 @@ extern int json_next_xmit_rebuild;
 extern uint64_t json_next_xmit;
 extern uint64_t picture_flush_deref_delay; // µs: 0.5 s; a released frame stays cached this plus the next
 extern uint64_t picture_auto_deref_delay;  // µs: 2 s; a hold's life, after which the server releases it
+extern uint64_t picture_cache_budget;      // bytes for frames nobody holds: cached frames plus warm
+                                           // slots (docs/frame-buffers.md); 0: no bound (the default here)
 extern uint64_t tnb_total;                 // frame-buffer budget in bytes
 extern int image_tnb_buffer_fd;
 extern int image_tnb_buffer;

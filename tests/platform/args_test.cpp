@@ -66,6 +66,23 @@ TEST_F(Args, AutoShutdownIsInSeconds)
     EXPECT_EQ(parse({"--auto-shutdown=x"}), (std::vector<int>{-1}));
 }
 
+TEST_F(Args, FrameMemorySwitchesAreInWholeMebibytes)
+{
+    EXPECT_EQ(t4mi_frame_cache_mib, -1);  // not given: start-up's default
+    EXPECT_EQ(t4mi_shared_buffer_mib, -1);
+    EXPECT_EQ(parse({"--frame-cache", "16", "--shared-buffer=512"}), (std::vector<int>{1, 1}));
+    EXPECT_EQ(t4mi_frame_cache_mib, 16);
+    EXPECT_EQ(t4mi_shared_buffer_mib, 512);
+    EXPECT_EQ(parse({"--frame-cache", "0"}), (std::vector<int>{1}));
+    EXPECT_EQ(t4mi_frame_cache_mib, 0);
+    for (const char* bad : {"-1", "1.5", "4097", "", "x", "+3", " 3"})
+        EXPECT_EQ(parse({"--frame-cache", bad}), (std::vector<int>{-1})) << bad;
+    EXPECT_EQ(parse({"--shared-buffer"}), (std::vector<int>{-1}));
+    t4mi_reset_standard_switches();
+    EXPECT_EQ(t4mi_frame_cache_mib, -1);
+    EXPECT_EQ(t4mi_shared_buffer_mib, -1);
+}
+
 TEST_F(Args, UnknownAndMisusedSwitches)
 {
     EXPECT_EQ(parse({"--nope"}), (std::vector<int>{0}));
@@ -82,7 +99,7 @@ TEST_F(Args, HelpListsEverySwitchWithoutTheOneShotLine)
     const std::string help = testing::internal::GetCapturedStderr();
     for (const char* sw : {"--file", "--type", "--metadir", "--socket", "--identify", "--daemon", "--log",
                            "--temp-clean", "--force-metadata", "--auto-shutdown", "--cgroup-active", "--cgroup-idle",
-                           "--harden"})
+                           "--harden", "--frame-cache", "--shared-buffer"})
         EXPECT_NE(help.find(sw), std::string::npos) << sw;
     EXPECT_EQ(help.find("--oneshot"), std::string::npos);
 }

@@ -47,10 +47,12 @@ std::vector<uint8_t> encoded(const std::string& command, const std::vector<comm_
     return out;
 }
 
+// Checked, so that a packet that failed to encode (an empty vector) throws
+// rather than writes past it.
 void put_u32(std::vector<uint8_t>& b, size_t at, uint32_t v)
 {
     for (int i = 0; i < 4; i++)
-        b[at + i] = uint8_t(v >> (8 * i));
+        b.at(at + i) = uint8_t(v >> (8 * i));
 }
 
 // A client that renders frame after frame in a thread of its own, each

@@ -1,4 +1,4 @@
-#include "platform/t4mi_client.h"
+#include <t4mi/client.h>
 
 #include <cerrno>
 #include <chrono>
@@ -14,7 +14,7 @@
 #include <thread>
 #include <unistd.h>
 
-#include <t4mi/frame_descriptor.h>
+#include "platform/packet_codec.h"
 
 namespace {
 

@@ -9,11 +9,13 @@
 
 #include "platform/t4mi_globals.h"
 
+#include <t4mi/version.h>
+
 namespace {
 std::vector<const char*> arguments;
 size_t next_index = 0;
 
-enum class kind { flag, text, seconds };
+enum class kind { flag, text, seconds, version };
 
 struct standard_switch {
     const char* name;
@@ -41,6 +43,7 @@ const standard_switch switches[] = {
     {"cgroup-idle", kind::text, "DIR", "control group to join while idle", &t4mi_cgroup_idle, 0},
     // Listed by the program's own help line, not by t4mi_std_help.
     {"oneshot", kind::flag, nullptr, nullptr, &t4mi_oneshot, 1},
+    {"version", kind::version, nullptr, "print the version and exit", nullptr, 0},
 };
 
 bool set_value(const standard_switch& sw, const char* value)
@@ -65,6 +68,13 @@ bool set_value(const standard_switch& sw, const char* value)
     case kind::flag:
         *static_cast<int*>(sw.target) = sw.flag_value;
         return value == nullptr;
+    case kind::version:
+        // Answered at once, before anything else on the command line is
+        // looked at, so it works without --file.
+        if (value != nullptr)
+            return false;
+        t4mi_print_version("t4mi_scrolltext");
+        std::exit(0);
     }
     return false;
 }
@@ -125,6 +135,12 @@ void t4mi_std_help()
     }
     std::fprintf(stderr, " %-26s %s\n", "-h, --help", "print this help and exit");
     std::fprintf(stderr, "Environment: T4MI_ROOT=DIR reads the installation's fixed paths below DIR.\n");
+}
+
+void t4mi_print_version(const char* program)
+{
+    std::printf("%s %s\n", program, T4MI_VERSION);
+    std::fflush(stdout);
 }
 
 void t4mi_reset_standard_switches()

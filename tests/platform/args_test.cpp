@@ -72,7 +72,8 @@ TEST_F(Args, HelpListsEverySwitchWithoutTheOneShotLine)
     t4mi_std_help();
     const std::string help = testing::internal::GetCapturedStderr();
     for (const char* sw : {"--file", "--type", "--metadir", "--socket", "--identify", "--daemon", "--log",
-                           "--temp-clean", "--force-metadata", "--auto-shutdown", "--cgroup-active", "--cgroup-idle"})
+                           "--temp-clean", "--force-metadata", "--auto-shutdown", "--cgroup-active", "--cgroup-idle",
+                           "--version"})
         EXPECT_NE(help.find(sw), std::string::npos) << sw;
     EXPECT_EQ(help.find("--oneshot"), std::string::npos);
 }

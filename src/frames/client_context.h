@@ -150,7 +150,7 @@ public:
 
     // Text state.
     std::vector<text_run> runs;
-    text_run style;                 // the style stamped on the next character
+    run_style style;                // the style stamped on the next character
     json11::Json data;              // schedule data; null until a packet arrives
     bool text_dirty = true;         // parse and lay out again
     bool parse_pending = true;      // parse again

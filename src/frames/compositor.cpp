@@ -86,7 +86,7 @@ void draw_placed(scrolling_text_client_context* ctx, const my_AVIVideoRandomRead
         const font_bmp_cache_storage* sh = ctx->shadow_blur_radius == 0 ? get_font_bmp(ctx, size, pg.code)
                                                                          : get_shadow_bmp(ctx, size, pg.code);
         if (sh != nullptr && sh->plane_a != nullptr) {
-            const uint32_t colour = rgba_to_yuva(pg.sr, pg.sg, pg.sb, pg.sa);
+            const uint32_t colour = rgba_to_yuva(pg.style.sr, pg.style.sg, pg.style.sb, pg.style.sa);
             if ((colour >> 24) != 0) {
                 const int64_t sx = ((int64_t(sh->x_offset) * hs) >> 8) + x0 + ((int64_t(ctx->shadow_offset_x) * hs) >> 8);
                 if (sx < W) {
@@ -100,7 +100,7 @@ void draw_placed(scrolling_text_client_context* ctx, const my_AVIVideoRandomRead
     const font_bmp_cache_storage* g = get_font_bmp(ctx, size, pg.code);
     if (g == nullptr || g->plane_a == nullptr)
         return;
-    const uint32_t colour = rgba_to_yuva(pg.r, pg.g, pg.b, pg.a);
+    const uint32_t colour = rgba_to_yuva(pg.style.r, pg.style.g, pg.style.b, pg.style.a);
     if ((colour >> 24) == 0)
         return;
     const int64_t gx = ((int64_t(g->x_offset) * hs) >> 8) + x0;

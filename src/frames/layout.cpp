@@ -1,6 +1,9 @@
 // Text timing and layout: the styled runs become glyphs placed along one long
 // horizontal strip, and the motion of that strip is fixed (cycle length,
-// scroll step in 1/4096 pixel, frames per step, item length).
+// scroll step in 1/4096 pixel, frames per step, item length). The phases are
+// described in frames/layout.h.
+#include "frames/layout.h"
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -64,13 +67,190 @@ int32_t count_lines(const std::vector<text_run>& runs, bool is_static)
     }
     return most == 0 ? 1 : most;
 }
+
+// One step of the pen along a line: the kerning after `previous` (0 at the
+// start of a line) and the advance of `code`'s glyph at the line height.
+struct pen_step {
+    int32_t kern = 0;
+    int64_t advance = 0;
+    uint64_t total() const { return uint64_t(kern + advance); }
+};
+
+pen_step step_to(scrolling_text_client_context& ctx, uint64_t line_height, int32_t previous, int32_t code)
+{
+    // Kerning first: it reads the face at the size the last glyph load set.
+    const int32_t k = previous == 0 ? 0 : kerning_between(&ctx, previous, code);
+    const font_bmp_cache_storage* g = get_font_bmp(&ctx, line_height, code);
+    return {k, g ? int64_t(g->advance) : int64_t(MISSING_GLYPH_ADVANCE)};
+}
 } // namespace
+
+layout_geometry layout_geometry_for(const scrolling_text_client_context& ctx, const scroll_settings_record& s,
+                                    int32_t lines)
+{
+    layout_geometry geo;
+    geo.width = ctx.reader->frame_width;
+    geo.height = ctx.reader->frame_height;
+    geo.lines = lines;
+    geo.line_height = uint64_t(geo.height / geo.lines);
+    geo.gap = uint64_t(round_half_up(double(geo.width) * std::min(s.space, 1.0)));
+    geo.is_static = s.static_ != 0;
+    return geo;
+}
+
+std::vector<uint64_t> measure_static_lines(scrolling_text_client_context& ctx, const layout_geometry& geo,
+                                           const scroll_settings_record& s)
+{
+    const int64_t W = geo.width;
+    std::vector<int64_t> widths;
+    int64_t w = 0;
+    int32_t previous = 0;
+    for (const text_run& run : ctx.runs) {
+        if (run.code == PARAGRAPH_END)
+            break;
+        if (run.code == LINE_FEED) {
+            widths.push_back(w);
+            w = 0;
+            previous = 0;
+            continue;
+        }
+        const pen_step step = step_to(ctx, geo.line_height, previous, run.code);
+        w += step.kern + step.advance;
+        previous = run.code;
+    }
+    if (w != 0)
+        widths.push_back(w);
+
+    // Squeeze the widest line into the picture, and justify each line within
+    // the squeezed width.
+    const int64_t widest = widths.empty() ? 0 : *std::max_element(widths.begin(), widths.end());
+    if (widest > W)
+        ctx.h_scale = widest > W * 256 ? 1 : uint64_t(W * 256 / widest);
+    const uint64_t T = uint64_t(W * 256) / ctx.h_scale;
+    std::vector<uint64_t> starts;
+    for (int64_t width : widths) {
+        uint64_t start = 0;
+        if (s.justify == 2)
+            start = int64_t(T) - width < 0 ? 0 : T - uint64_t(width);
+        else if (s.justify == 1)
+            start = (T - uint64_t(width)) >> 1; // unsigned on purpose
+        starts.push_back(start);
+    }
+    if (starts.size() < size_t(geo.lines))
+        starts.resize(size_t(geo.lines), 0);
+    return starts;
+}
+
+strip_pen::strip_pen(const layout_geometry& geo, std::vector<uint64_t> line_starts)
+    : geo(geo), starts(std::move(line_starts))
+{
+    // The first line feed reads entry 1, whatever the line count.
+    if (starts.size() < 2)
+        starts.resize(2, 0);
+    pen = starts[0];
+}
+
+bool strip_pen::end_paragraph()
+{
+    pen = std::max(pen, widest);
+    if (geo.is_static)
+        return false;
+    const uint64_t start = pen + geo.gap;
+    std::fill(starts.begin(), starts.end(), start);
+    widest = start;
+    pen = starts[0];
+    next_start = 1;
+    line = 0;
+    top = 0;
+    return true;
+}
+
+bool strip_pen::next_line()
+{
+    widest = std::max(widest, pen);
+    if (line + 1 >= geo.lines)
+        return false;
+    pen = starts.at(next_start);
+    line++;
+    top = int32_t(geo.height * line / geo.lines);
+    if (next_start + 1 < starts.size())
+        next_start++;
+    return true;
+}
+
+uint64_t strip_pen::end() const { return std::max(pen, widest); }
+
+uint64_t place_glyphs(scrolling_text_client_context& ctx, const layout_geometry& geo,
+                      std::vector<uint64_t> line_starts)
+{
+    strip_pen pen(geo, std::move(line_starts));
+    int32_t previous = 0;
+    for (const text_run& run : ctx.runs) {
+        if (run.code == PARAGRAPH_END) {
+            if (!pen.end_paragraph())
+                break;
+            previous = 0;
+        } else if (run.code == LINE_FEED) {
+            if (pen.next_line()) {
+                previous = 0;
+            } else {
+                // No further line: the line feed reads as a space.
+                pen.advance(step_to(ctx, geo.line_height, previous, ' ').total());
+                previous = ' ';
+            }
+        } else {
+            const pen_step step = step_to(ctx, geo.line_height, previous, run.code);
+            const uint64_t key = (ctx.h_scale * (pen.x() + uint64_t(int64_t(step.kern)))) >> 8;
+            ctx.glyph_placements[key].push_back(placed_glyph{.code = run.code,
+                                                             .style = run.style,
+                                                             .pixel_size = int32_t(geo.line_height),
+                                                             .line_top = pen.line_top()});
+            pen.advance(step.total());
+            previous = run.code;
+        }
+    }
+    ctx.placement_count = ctx.glyph_placements.size();
+    return pen.end();
+}
+
+void fix_motion(scrolling_text_client_context& ctx, const layout_geometry& geo, const scroll_settings_record& s,
+                uint64_t text_end)
+{
+    uint64_t cycle = text_end;
+    if (s.space > 1.0)
+        cycle += uint64_t(round_half_up((s.space - 1.0) * double(geo.width)));
+    ctx.cycle_length = cycle;
+
+    if (geo.is_static) {
+        ctx.scroll_step = 0;
+        ctx.frames_per_step = 1;
+        ctx.item_length = 1;
+        return;
+    }
+    double aspect_factor = 1.0;
+    if (ctx.screen_aspect_num > 0 && ctx.screen_aspect_den > 0)
+        aspect_factor = double(ctx.picture_width) /
+                        ((double(ctx.screen_aspect_num) * double(ctx.picture_height)) / double(ctx.screen_aspect_den));
+    const double pixels_per_second =
+        s.scrollTime <= 0.0 ? aspect_factor * double(geo.height) * s.scrollSpeed : double(cycle) / s.scrollTime;
+    const double p = pixels_per_second * double(ctx.frame_duration) / double(ctx.time_scale);
+    if (s.smoothScroll < 0.5) {
+        ctx.scroll_step = to_u64(p * 4096.0);
+        ctx.frames_per_step = 1;
+    } else if (p >= 1.0) {
+        ctx.scroll_step = (to_u64(p * 4096.0) + 2048) & ~uint64_t(4095);
+        ctx.frames_per_step = 1;
+    } else {
+        ctx.frames_per_step = std::max<uint64_t>(1, to_u64(std::floor(1.0 / p + 0.5)));
+        ctx.scroll_step = 4096;
+    }
+    ctx.item_length = ctx.scroll_step == 0 ? 1 : (cycle * 4096 / ctx.scroll_step) * ctx.frames_per_step;
+}
 
 void scrolling_text_client_context::recompute_text_times()
 {
     const scroll_settings_record& s = scroll_settings;
-    const bool is_static = s.static_ != 0;
-    line_count = s.multiLine >= 1 ? s.multiLine : count_lines(runs, is_static);
+    line_count = s.multiLine >= 1 ? s.multiLine : count_lines(runs, s.static_ != 0);
 
     T4MI_ASSERT(reader != NULL);
     glyph_placements.clear();
@@ -83,149 +263,21 @@ void scrolling_text_client_context::recompute_text_times()
     clear_bitmap_caches();
     layout_generation++;
 
-    const int64_t W = reader->frame_width;
-    const int64_t H = reader->frame_height;
-    const int64_t L = line_count;
-    const uint64_t line_height = uint64_t(H / L);
+    const layout_geometry geo = layout_geometry_for(*this, s, line_count);
     // The settings are fractions of one line height: setting x H / L, in that
     // order. Deliberate: a negative blur setting gives radius 0 (no blur)
-    // instead of stopping the process in the shadow filter.
-    shadow_blur_radius = std::max(0, round_half_up(s.shadowBlur * double(H) / double(L)));
-    shadow_offset_x = round_half_up(s.shadowX * double(H) / double(L));
-    shadow_offset_y = round_half_up(s.shadowY * double(H) / double(L));
+    // instead of stopping the process in the shadow filter. Set before any
+    // glyph is measured: the glyph's size leaves room for its shadow.
+    const double H = double(geo.height), L = double(geo.lines);
+    shadow_blur_radius = std::max(0, round_half_up(s.shadowBlur * H / L));
+    shadow_offset_x = round_half_up(s.shadowX * H / L);
+    shadow_offset_y = round_half_up(s.shadowY * H / L);
 
-    auto kern = [&](int32_t previous, int32_t code) { return previous == 0 ? 0 : kerning_between(this, previous, code); };
-    auto advance_of = [&](int32_t code) {
-        const font_bmp_cache_storage* g = get_font_bmp(this, line_height, code);
-        return g ? int64_t(g->advance) : int64_t(MISSING_GLYPH_ADVANCE);
-    };
-
-    const uint64_t gap = uint64_t(round_half_up(double(W) * std::min(s.space, 1.0)));
-    std::vector<uint64_t> line_starts;
     h_scale = 256;
-    if (!is_static) {
-        line_starts.assign(size_t(L), gap);
-    } else {
-        // Measure the lines of the first paragraph, squeeze the widest into
-        // the picture, and justify each line within the squeezed width.
-        std::vector<int64_t> widths;
-        int64_t w = 0;
-        int32_t previous = 0;
-        for (const text_run& run : runs) {
-            if (run.code == PARAGRAPH_END)
-                break;
-            if (run.code == LINE_FEED) {
-                widths.push_back(w);
-                w = 0;
-                previous = 0;
-                continue;
-            }
-            // Kerning first: it reads the face at the size the last glyph load set.
-            const int32_t k = kern(previous, run.code);
-            w += k + advance_of(run.code);
-            previous = run.code;
-        }
-        if (w != 0)
-            widths.push_back(w);
-        const int64_t widest = widths.empty() ? 0 : *std::max_element(widths.begin(), widths.end());
-        if (widest > W)
-            h_scale = widest > W * 256 ? 1 : uint64_t(W * 256 / widest);
-        const uint64_t T = uint64_t(W * 256) / h_scale;
-        for (int64_t width : widths) {
-            uint64_t start = 0;
-            if (s.justify == 2)
-                start = int64_t(T) - width < 0 ? 0 : T - uint64_t(width);
-            else if (s.justify == 1)
-                start = (T - uint64_t(width)) >> 1; // unsigned on purpose
-            line_starts.push_back(start);
-        }
-        if (line_starts.size() < size_t(L))
-            line_starts.resize(size_t(L), 0);
-    }
-    if (line_starts.size() < 2)
-        line_starts.resize(2, 0);
-
-    uint64_t pen = line_starts[0];
-    size_t next_start = 1;
-    int64_t line = 0;
-    int32_t top = 0;
-    int32_t previous = 0;
-    uint64_t widest_x = 0;
-    for (const text_run& run : runs) {
-        if (run.code == PARAGRAPH_END) {
-            pen = std::max(pen, widest_x);
-            if (is_static)
-                break;
-            const uint64_t start = pen + gap;
-            std::fill(line_starts.begin(), line_starts.end(), start);
-            widest_x = start;
-            pen = line_starts[0];
-            next_start = 1;
-            line = 0;
-            top = 0;
-            previous = 0;
-        } else if (run.code == LINE_FEED) {
-            widest_x = std::max(widest_x, pen);
-            if (line + 1 < L) {
-                pen = line_starts.at(next_start);
-                line++;
-                top = int32_t(H * line / L);
-                if (next_start + 1 < line_starts.size())
-                    next_start++;
-                previous = 0;
-            } else {
-                // No further line: the line feed reads as a space.
-                const int32_t k = kern(previous, ' ');
-                pen += uint64_t(k + advance_of(' '));
-                previous = ' ';
-            }
-        } else {
-            const int32_t k = kern(previous, run.code);
-            const font_bmp_cache_storage* g = get_font_bmp(this, line_height, run.code);
-            const uint64_t key = (h_scale * (pen + uint64_t(int64_t(k)))) >> 8;
-            placed_glyph pg;
-            pg.code = run.code;
-            pg.r = run.r, pg.g = run.g, pg.b = run.b, pg.a = run.a;
-            pg.sr = run.sr, pg.sg = run.sg, pg.sb = run.sb, pg.sa = run.sa;
-            pg.shadow_opacity = run.shadow_opacity;
-            pg.pixel_size = int32_t(line_height);
-            pg.line_top = top;
-            glyph_placements[key].push_back(pg);
-            pen = pen + uint64_t(int64_t(k)) + uint64_t(g ? int64_t(g->advance) : MISSING_GLYPH_ADVANCE);
-            previous = run.code;
-        }
-    }
-    placement_count = glyph_placements.size();
-
-    pen = std::max(pen, widest_x);
-    if (s.space > 1.0)
-        pen += uint64_t(round_half_up((s.space - 1.0) * double(W)));
-    cycle_length = pen;
-
-    if (is_static) {
-        scroll_step = 0;
-        frames_per_step = 1;
-        item_length = 1;
-    } else {
-        double aspect_factor = 1.0;
-        if (screen_aspect_num > 0 && screen_aspect_den > 0)
-            aspect_factor = double(picture_width) /
-                            ((double(screen_aspect_num) * double(picture_height)) / double(screen_aspect_den));
-        const double pixels_per_second =
-            s.scrollTime <= 0.0 ? aspect_factor * double(H) * s.scrollSpeed : double(cycle_length) / s.scrollTime;
-        const double p = pixels_per_second * double(frame_duration) / double(time_scale);
-        if (s.smoothScroll < 0.5) {
-            scroll_step = to_u64(p * 4096.0);
-            frames_per_step = 1;
-        } else if (p >= 1.0) {
-            scroll_step = (to_u64(p * 4096.0) + 2048) & ~uint64_t(4095);
-            frames_per_step = 1;
-        } else {
-            frames_per_step = std::max<uint64_t>(1, to_u64(std::floor(1.0 / p + 0.5)));
-            scroll_step = 4096;
-        }
-        item_length = scroll_step == 0 ? 1 : (cycle_length * 4096 / scroll_step) * frames_per_step;
-    }
+    std::vector<uint64_t> line_starts =
+        geo.is_static ? measure_static_lines(*this, geo, s) : std::vector<uint64_t>(size_t(geo.lines), geo.gap);
+    const uint64_t text_end = place_glyphs(*this, geo, std::move(line_starts));
+    fix_motion(*this, geo, s, text_end);
 
     reader->frame_manager.flush_unused_frames(999999);
 }

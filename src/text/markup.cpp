@@ -209,7 +209,7 @@ void scrolling_text_client_context::parse_text()
     date_deadline = 0;
 
     const auto& s = scroll_settings;
-    style = text_run{};
+    style = run_style{};
     style.r = s.fontColor.r, style.g = s.fontColor.g, style.b = s.fontColor.b, style.a = s.fontColor.a;
     style.sr = s.shadowColor.r, style.sg = s.shadowColor.g, style.sb = s.shadowColor.b, style.sa = s.shadowColor.a;
     style.shadow_opacity = uint32_t(s.shadowOpacity);
@@ -236,10 +236,7 @@ void scrolling_text_client_context::parse_text()
 
 void scrolling_text_client_context::append_char(int32_t code)
 {
-    text_run run = style;
-    run.code = code;
-    run.glyph = nullptr;
-    runs.push_back(run);
+    runs.push_back(text_run{.code = code, .style = style});
 }
 
 void scrolling_text_client_context::append_text(const char* p)

@@ -34,11 +34,18 @@ protected:
         ASSERT_EQ(utimensat(AT_FDCWD, item.path().c_str(), times, 0), 0);
     }
 
-    // Moves the monotonic clock on by `us` and polls once, capturing stderr.
+    // Moves the monotonic clock on by `us` from the previous poll and polls
+    // once, capturing stderr. The offset is taken against the real clock at
+    // each poll, so time the test itself spends on a loaded machine does not
+    // count. Each poll lands a further 10 ms on, so that a check due exactly
+    // `us` later is due whatever the scheduler did inside the previous poll.
     bool poll_after(int64_t us, std::string* err)
     {
-        offset += us;
-        t4mi_clock_set_monotonic_offset_us(offset);
+        if (start < 0)
+            start = monotonic_clock_us();
+        elapsed += us + 10000;
+        t4mi_clock_set_monotonic_offset_us(0);
+        t4mi_clock_set_monotonic_offset_us(start + elapsed - monotonic_clock_us());
         testing::internal::CaptureStderr();
         const bool changed = item_file_changed();
         *err = testing::internal::GetCapturedStderr();
@@ -46,7 +53,8 @@ protected:
     }
 
     t4test::open_item item{"#Tevrin4ScrollText\nold\n", "application/x-tevrin-scrolling-text"};
-    int64_t offset = 0;
+    int64_t start = -1;
+    int64_t elapsed = 0;
 };
 
 TEST_F(FileWatch, AnInPlaceRewriteIsReloadedOneCheckAfterItIsSeen)

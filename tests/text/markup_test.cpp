@@ -13,19 +13,19 @@ using markup = text_test;
 
 void expect_style(const text_run& r, uint8_t red, uint8_t green, uint8_t blue, uint8_t alpha)
 {
-    EXPECT_EQ(r.r, red);
-    EXPECT_EQ(r.g, green);
-    EXPECT_EQ(r.b, blue);
-    EXPECT_EQ(r.a, alpha);
+    EXPECT_EQ(r.style.r, red);
+    EXPECT_EQ(r.style.g, green);
+    EXPECT_EQ(r.style.b, blue);
+    EXPECT_EQ(r.style.a, alpha);
 }
 
 void expect_item_shadow(const text_run& r)
 {
-    EXPECT_EQ(r.sr, ITEM_SHADOW.r);
-    EXPECT_EQ(r.sg, ITEM_SHADOW.g);
-    EXPECT_EQ(r.sb, ITEM_SHADOW.b);
-    EXPECT_EQ(r.sa, ITEM_SHADOW.a);
-    EXPECT_EQ(r.shadow_opacity, uint32_t(ITEM_SHADOW_OPACITY));
+    EXPECT_EQ(r.style.sr, ITEM_SHADOW.r);
+    EXPECT_EQ(r.style.sg, ITEM_SHADOW.g);
+    EXPECT_EQ(r.style.sb, ITEM_SHADOW.b);
+    EXPECT_EQ(r.style.sa, ITEM_SHADOW.a);
+    EXPECT_EQ(r.style.shadow_opacity, uint32_t(ITEM_SHADOW_OPACITY));
     EXPECT_EQ(r.glyph, nullptr);
 }
 
@@ -61,20 +61,20 @@ TEST_F(markup, AlphaValues)
 {
     // 0.5 * 255 = 127.5, truncated to 127.
     parse("%{alpha;0.5}%X");
-    EXPECT_EQ(ctx.runs.at(0).a, 127);
+    EXPECT_EQ(ctx.runs.at(0).style.a, 127);
     // ".5" does not start with a digit: back to the item's alpha.
     parse("%{alpha;.5}%X");
-    EXPECT_EQ(ctx.runs.at(0).a, ITEM_FONT.a);
+    EXPECT_EQ(ctx.runs.at(0).style.a, ITEM_FONT.a);
     // 7 * 255 is clamped to 255.
     parse("%{alpha;7}%X");
-    EXPECT_EQ(ctx.runs.at(0).a, 255);
+    EXPECT_EQ(ctx.runs.at(0).style.a, 255);
     // No argument resets, and so does anything after a lower alpha.
     parse("%{alpha;0}%X%{alpha}%Y");
-    EXPECT_EQ(ctx.runs.at(0).a, 0);
-    EXPECT_EQ(ctx.runs.at(1).a, ITEM_FONT.a);
+    EXPECT_EQ(ctx.runs.at(0).style.a, 0);
+    EXPECT_EQ(ctx.runs.at(1).style.a, ITEM_FONT.a);
     // "-1" does not start with a digit either.
     parse("%{alpha;-1}%X");
-    EXPECT_EQ(ctx.runs.at(0).a, ITEM_FONT.a);
+    EXPECT_EQ(ctx.runs.at(0).style.a, ITEM_FONT.a);
 }
 
 TEST_F(markup, ShadowFieldsChangeOnlyTheShadow)
@@ -84,11 +84,11 @@ TEST_F(markup, ShadowFieldsChangeOnlyTheShadow)
     ASSERT_EQ(ctx.runs.size(), 2u);
     const text_run& a = ctx.runs[0];
     expect_style(a, ITEM_FONT.r, ITEM_FONT.g, ITEM_FONT.b, ITEM_FONT.a);
-    EXPECT_EQ(a.sr, 0);
-    EXPECT_EQ(a.sg, 0);
-    EXPECT_EQ(a.sb, 255);
-    EXPECT_EQ(a.sa, 102);
-    EXPECT_EQ(a.shadow_opacity, uint32_t(ITEM_SHADOW_OPACITY)); // markup never changes it
+    EXPECT_EQ(a.style.sr, 0);
+    EXPECT_EQ(a.style.sg, 0);
+    EXPECT_EQ(a.style.sb, 255);
+    EXPECT_EQ(a.style.sa, 102);
+    EXPECT_EQ(a.style.shadow_opacity, uint32_t(ITEM_SHADOW_OPACITY)); // markup never changes it
     expect_item_shadow(ctx.runs[1]);
 }
 
@@ -211,7 +211,7 @@ TEST_F(markup, AppendTextAndAppendCharUseTheCurrentStyle)
     EXPECT_EQ(ctx.runs[1].code, 'R');
     EXPECT_EQ(ctx.runs[2].code, 0xE9);
     for (const auto& r : ctx.runs)
-        EXPECT_EQ(r.r, 9);
+        EXPECT_EQ(r.style.r, 9);
 }
 
 TEST_F(markup, FieldResultLongerThanTheBufferIsCut)

@@ -24,8 +24,8 @@ TEST_F(template_fields, ScheduleClockAndWeatherTogether)
     EXPECT_EQ(ctx.date_deadline, 0);
     EXPECT_FALSE(ctx.parse_pending);
     for (const auto& r : ctx.runs) {
-        EXPECT_EQ(r.r, ITEM_FONT.r);
-        EXPECT_EQ(r.a, ITEM_FONT.a);
+        EXPECT_EQ(r.style.r, ITEM_FONT.r);
+        EXPECT_EQ(r.style.a, ITEM_FONT.a);
     }
 
     // One second later the clock field has moved on; so has the schedule.

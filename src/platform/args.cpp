@@ -9,11 +9,13 @@
 
 #include "platform/t4mi_globals.h"
 
+#include <t4mi/version.h>
+
 namespace {
 std::vector<const char*> arguments;
 size_t next_index = 0;
 
-enum class kind { flag, text, seconds, mebibytes };
+enum class kind { flag, text, seconds, mebibytes, version };
 
 struct standard_switch {
     const char* name;
@@ -44,6 +46,7 @@ const standard_switch switches[] = {
     {"shared-buffer", kind::mebibytes, "MIB", "at most this much shared memory for frames, in MiB (default: half the free, up to 4000)", &t4mi_shared_buffer_mib, 0},
     // Listed by the program's own help line, not by t4mi_std_help.
     {"oneshot", kind::flag, nullptr, nullptr, &t4mi_oneshot, 1},
+    {"version", kind::version, nullptr, "print the version and exit", nullptr, 0},
 };
 
 bool set_value(const standard_switch& sw, const char* value)
@@ -80,6 +83,13 @@ bool set_value(const standard_switch& sw, const char* value)
     case kind::flag:
         *static_cast<int*>(sw.target) = sw.flag_value;
         return value == nullptr;
+    case kind::version:
+        // Answered at once, before anything else on the command line is
+        // looked at, so it works without --file.
+        if (value != nullptr)
+            return false;
+        t4mi_print_version("t4mi_scrolltext");
+        std::exit(0);
     }
     return false;
 }
@@ -140,6 +150,12 @@ void t4mi_std_help()
     }
     std::fprintf(stderr, " %-26s %s\n", "-h, --help", "print this help and exit");
     std::fprintf(stderr, "Environment: T4MI_ROOT=DIR reads the installation's fixed paths below DIR.\n");
+}
+
+void t4mi_print_version(const char* program)
+{
+    std::printf("%s %s\n", program, T4MI_VERSION);
+    std::fflush(stdout);
 }
 
 void t4mi_reset_standard_switches()

@@ -99,7 +99,7 @@ TEST_F(Args, HelpListsEverySwitchWithoutTheOneShotLine)
     const std::string help = testing::internal::GetCapturedStderr();
     for (const char* sw : {"--file", "--type", "--metadir", "--socket", "--identify", "--daemon", "--log",
                            "--temp-clean", "--force-metadata", "--auto-shutdown", "--cgroup-active", "--cgroup-idle",
-                           "--harden", "--frame-cache", "--shared-buffer"})
+                           "--harden", "--frame-cache", "--shared-buffer", "--version"})
         EXPECT_NE(help.find(sw), std::string::npos) << sw;
     EXPECT_EQ(help.find("--oneshot"), std::string::npos);
 }

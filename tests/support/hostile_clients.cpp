@@ -20,10 +20,12 @@ std::vector<uint8_t> encoded_packet(const std::string& command, const std::vecto
     return out;
 }
 
+// Checked, so that a packet that failed to encode (an empty vector) throws
+// rather than writes past it.
 void put_u32(std::vector<uint8_t>& b, size_t at, uint32_t v)
 {
     for (int i = 0; i < 4; i++)
-        b[at + size_t(i)] = uint8_t(v >> (8 * i));
+        b.at(at + size_t(i)) = uint8_t(v >> (8 * i));
 }
 
 std::vector<hostile_connection> malformed_round(const std::string& path, std::mt19937& rng)

@@ -1,0 +1,12 @@
+# T4MI_SANITIZE: sanitizers for the whole tree, as a list ("address;undefined",
+# the CI stage .ci/asan-test.sh; add "fuzzer-no-link" with clang for the
+# fuzz targets, .ci/fuzz-smoke.sh). Every report is fatal, so that a finding
+# fails the test that made it. The tests see T4MI_SANITIZED=1 and skip or
+# scale only what a sanitizer makes meaningless (peak memory, the timing of
+# slow paths, signals that a sanitizer turns into a report).
+set(T4MI_SANITIZE "" CACHE STRING "Sanitizers to build with, e.g. address;undefined (empty: none)")
+if(T4MI_SANITIZE)
+  list(JOIN T4MI_SANITIZE "," T4MI_SANITIZE_FLAG)
+  add_compile_options(-fsanitize=${T4MI_SANITIZE_FLAG} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${T4MI_SANITIZE_FLAG})
+endif()

@@ -13,7 +13,8 @@ int start_up(int argc, char** argv);
 // opened stays open for close_fonts.
 const char* open_fonts();
 
-// The font catalogue's faces, then the two built-in faces and FreeType.
+// The font catalogue's faces, then the two built-in faces and FreeType,
+// and the emoji images loaded since.
 void close_fonts();
 
 // Frees every frame buffer allocation and drops the shared buffer.

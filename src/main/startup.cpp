@@ -1,6 +1,7 @@
 // Start-up and tear-down steps that the program and the in-process render
 // session (main/render_session.cpp) share.
 #include "fonts/builtin_faces.h"
+#include "fonts/emoji_images.h"
 #include "fonts/font_catalogue.h"
 #include "main/process.h"
 #include "platform/tnb.h"
@@ -17,6 +18,7 @@ void close_fonts()
 {
     clear_font_catalogue();
     close_builtin_faces();
+    free_emoji_png_cache();
 }
 
 void release_frame_buffers()

@@ -60,12 +60,14 @@ protected:
     static std::string lib(const std::string& name) { return libdir() + "/" + name; }
     static std::string shared_library() { return lib("libt4mi_client.so"); }
 
-    // The shared library of a sanitizer build needs the sanitizer's run-time,
-    // which a plain example program does not link.
-    static bool library_is_instrumented()
+    // The shared library of a sanitizer build needs the sanitizer's run-time:
+    // there the example links it too (T4MI_SANITIZE_LINK_FLAG is empty in
+    // other builds, and adds nothing).
+    static std::vector<std::string> with_sanitizer_link_flag(std::vector<std::string> args, const std::string& name)
     {
-        const process_result r = run_process(on_path("nm"), {"-D", "--undefined-only", shared_library()});
-        return r.out.find("__asan_") != std::string::npos || r.out.find("__ubsan_") != std::string::npos;
+        if (*T4MI_SANITIZE_LINK_FLAG)
+            args.push_back(name + "=" T4MI_SANITIZE_LINK_FLAG);
+        return args;
     }
 
     // A copy of the installed example sources in a fresh directory.
@@ -218,12 +220,11 @@ TEST_F(Install, PkgConfigNamesTheInstallPrefix)
 
 TEST_F(Install, TheExampleBuiltWithPkgConfigGetsFramesFromTheInstalledServer)
 {
-    if (library_is_instrumented())
-        GTEST_SKIP() << "sanitizer build: the library needs the sanitizer run-time";
     temp_dir work;
     const std::string dir = example_copy(work);
-    const process_result made =
-        run_process(on_path("make"), {"-C", dir, "CXX=" T4MI_CXX_COMPILER}, {"PKG_CONFIG_PATH=" + lib("pkgconfig")}, 300000);
+    const process_result made = run_process(on_path("make"),
+                                            with_sanitizer_link_flag({"-C", dir, "CXX=" T4MI_CXX_COMPILER}, "LDFLAGS"),
+                                            {"PKG_CONFIG_PATH=" + lib("pkgconfig")}, 300000);
     ASSERT_EQ(made.exit_status, 0) << made.out << made.err;
     EXPECT_NE(made.out.find("-I" + at("include")), std::string::npos) << made.out;
     serve_example_to(dir + "/t4mi_example_client");
@@ -231,13 +232,13 @@ TEST_F(Install, TheExampleBuiltWithPkgConfigGetsFramesFromTheInstalledServer)
 
 TEST_F(Install, TheExampleBuiltWithFindPackageGetsFramesFromTheInstalledServer)
 {
-    if (library_is_instrumented())
-        GTEST_SKIP() << "sanitizer build: the library needs the sanitizer run-time";
     temp_dir work;
     const std::string dir = example_copy(work);
     const process_result configured =
-        run_process(T4MI_CMAKE_COMMAND, {"-S", dir, "-B", work / "build", "-DCMAKE_PREFIX_PATH=" + prefix(),
-                                         "-DCMAKE_CXX_COMPILER=" T4MI_CXX_COMPILER},
+        run_process(T4MI_CMAKE_COMMAND,
+                    with_sanitizer_link_flag({"-S", dir, "-B", work / "build", "-DCMAKE_PREFIX_PATH=" + prefix(),
+                                              "-DCMAKE_CXX_COMPILER=" T4MI_CXX_COMPILER},
+                                             "-DCMAKE_EXE_LINKER_FLAGS"),
                     {}, 300000);
     ASSERT_EQ(configured.exit_status, 0) << configured.out << configured.err;
     const process_result built = run_process(T4MI_CMAKE_COMMAND, {"--build", work / "build"}, {}, 300000);

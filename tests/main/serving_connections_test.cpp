@@ -11,6 +11,7 @@
 
 #include "main/serving_fixture.h"
 #include "support/hostile_clients.h"
+#include "support/sanitizers.h"
 
 namespace {
 
@@ -157,7 +158,12 @@ TEST_F(ServingProcessConnections, BufferedInputIsBoundedOverAllConnections)
     std::printf("sent %zu MiB in all; peak memory %ld KiB before, %ld KiB after\n", sent >> 20, before, after);
     EXPECT_GT(sent, size_t(64) << 20);
     // The cap is 32 MiB of input; the rest is the heap keeping freed blocks.
-    EXPECT_LT(after - before, 80L << 10) << "KiB added to the peak";
+    // ASan keeps up to 256 MiB of freed blocks in quarantine, and shadow
+    // memory besides: there the peak says nothing about the cap.
+    if (t4test::sanitized)
+        std::printf("peak memory not checked: meaningless under sanitizers\n");
+    else
+        EXPECT_LT(after - before, 80L << 10) << "KiB added to the peak";
     EXPECT_NE(proc->err().find("dropped: too much buffered input\n"), std::string::npos);
     EXPECT_TRUE(good->request_frame(n, 0, 0, &f)) << good->error();
     stop();

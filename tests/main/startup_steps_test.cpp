@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "fonts/emoji_images.h"
 #include "fonts/font_globals.h"
 #include "items/scroll_settings.h"
 #include "main/process.h"
@@ -104,6 +105,17 @@ TEST_F(StartupSteps, AScrollTextTypeIsLoadedBeforeIdentifyOnlyStops)
     EXPECT_EQ(scroll_settings.text, "Hello");
     EXPECT_GT(scroll_settings.file_mtime, 0);
     EXPECT_EQ(scroll_settings.fontColor, (colour_rgba{255, 0, 0, 255}));
+}
+
+// The in-process render session closes its fonts with close_fonts: the emoji
+// images looked up since go with them (a missing one is cached as well).
+TEST_F(StartupSteps, ClosingTheFontsFreesTheEmojiImages)
+{
+    t4test::fixed_root root;
+    EXPECT_EQ(get_emoji_bmp(0x1F600), nullptr); // the private tree has no such image
+    EXPECT_EQ(emoji_png_cache.count("emoji_u1f600.png"), 1u);
+    close_fonts();
+    EXPECT_TRUE(emoji_png_cache.empty());
 }
 
 } // namespace

@@ -143,11 +143,12 @@ TEST_F(ServingProcessConnections, BufferedInputIsBoundedOverAllConnections)
     std::vector<std::unique_ptr<t4test::raw_socket>> big;
     for (int i = 0; i < 60; i++)
         big.push_back(t4test::big_unfinished_packet(proc->socket_path(), 64u << 10));
-    // Feed them all for up to three seconds (each wants 8 MiB in all).
+    // Feed them all for up to three seconds (each wants 8 MiB in all); a
+    // sanitizer build reads slower, and is fed for longer.
     uint64_t n = 1;
     const auto t0 = clock_type::now();
     size_t sent = 0;
-    while (seconds_since(t0) < 3.0) {
+    while (seconds_since(t0) < 3.0 * t4test::slowdown) {
         for (auto& s : big)
             sent += t4test::send_more(*s, 1u << 20);
         ASSERT_TRUE(good->request_frame(n, 0, 0, &f)) << good->error();

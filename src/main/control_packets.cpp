@@ -14,6 +14,7 @@
 #include "items/colour.h"
 #include "items/scroll_settings.h"
 #include "main/file_watch.h"
+#include "main/stats_packet.h"
 #include "platform/packet.h"
 #include "platform/t4mi_assert.h"
 #include "platform/t4mi_globals.h"
@@ -129,6 +130,10 @@ int my_custom_packet_handler(comm_socket_v4_packet* request, comm_socket_v4_pack
     }
     if (std::strcmp(command, "v4::text") == 0) {
         handle_text(request, respkt);
+        return 1;
+    }
+    if (std::strcmp(command, "v4::stats") == 0) {
+        handle_stats(respkt);
         return 1;
     }
     return 0;

@@ -1,6 +1,7 @@
 #include "item_link.h"
 
 #include <chrono>
+#include <thread>
 
 #include "frame_png.h"
 #include "platform/packet.h"
@@ -38,11 +39,21 @@ bool item_link::frame_png(int width, int height, std::string* out, std::string* 
 {
     std::lock_guard<std::mutex> lock(frames_mutex);
     const uint64_t now = now_ms();
-    if (!png.empty() && png_width == width && png_height == height &&
-        now < png_at_ms + uint64_t(options.frame_interval_ms)) {
-        *out = png;
-        return true;
+    if (frames_stale.exchange(false)) {
+        frames.close();
+        frames_width = frames_height = 0;
+        pngs.clear();
     }
+    const uint64_t next_fetch_ms = fetched_at_ms + uint64_t(options.frame_interval_ms);
+    const auto cached = pngs.find({width, height});
+    if (now < next_fetch_ms) {
+        if (cached != pngs.end()) {
+            *out = cached->second.bytes;
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(next_fetch_ms - now));
+    }
+    fetched_at_ms = now_ms();
     if (!attach(frames, error))
         return false;
     if (width != frames_width || height != frames_height) {
@@ -60,7 +71,7 @@ bool item_link::frame_png(int width, int height, std::string* out, std::string* 
         frames_width = width;
         frames_height = height;
     }
-    const uint64_t n = (now - start_ms) * 30000 / 1001000;
+    const uint64_t n = (fetched_at_ms - start_ms) * 30000 / 1001000;
     t4mi_client_frame f;
     if (!frames.request_frame(n, 0, 0, &f)) {
         *error = "frame " + std::to_string(n) + ": " + frames.error();
@@ -77,11 +88,16 @@ bool item_link::frame_png(int width, int height, std::string* out, std::string* 
         *error = "cannot encode the frame as PNG";
         return false;
     }
-    png = std::move(encoded);
-    png_width = width;
-    png_height = height;
-    png_at_ms = now;
-    *out = png;
+    // Few sizes are in use at once; forget the oldest past four.
+    if (pngs.size() >= 4 && pngs.count({width, height}) == 0) {
+        auto oldest = pngs.begin();
+        for (auto it = pngs.begin(); it != pngs.end(); ++it)
+            if (it->second.at_ms < oldest->second.at_ms)
+                oldest = it;
+        pngs.erase(oldest);
+    }
+    pngs[{width, height}] = {fetched_at_ms, encoded};
+    *out = std::move(encoded);
     return true;
 }
 
@@ -122,6 +138,7 @@ bool item_link::send_text(const std::vector<std::pair<std::string, std::string>>
         return false;
     }
     stats_at_ms = 0;  // the next status shows the change
+    frames_stale = true;
     return true;
 }
 
@@ -135,5 +152,6 @@ bool item_link::reload(std::string* error)
         return false;
     }
     stats_at_ms = 0;
+    frames_stale = true;
     return true;
 }

@@ -2,8 +2,9 @@
 // and commands), each used by one HTTP worker at a time.
 //
 // However many browsers ask and however fast, the item sees at most one
-// frame request per `frame_interval_ms` and one "v4::stats" per
-// `stats_interval_ms`; between those the last answer is served again. So
+// frame request per `frame_interval_ms` (whatever the sizes asked for) and
+// one "v4::stats" per `stats_interval_ms`; between those the last answer is
+// served again (a size never served before waits for its turn). So
 // the panel costs a playout client at most one small frame's render now and
 // then, never a queue of them.
 //
@@ -12,7 +13,9 @@
 // status.json names the socket anew).
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -49,12 +52,21 @@ private:
     item_link_options options;
     uint64_t start_ms;
 
+    // Set by a command the panel sent: the frames connection starts again.
+    // A still (static) text is rendered once per layout and every request
+    // shares that frame, so a context that keeps asking goes on being served
+    // the cached picture of the old text; a new context lays the new one out.
+    std::atomic<bool> frames_stale{false};
+
     std::mutex frames_mutex;  // guards the frames connection and its cache
     t4mi_client frames;
-    int frames_width = 0, frames_height = 0;
-    uint64_t png_at_ms = 0;
-    int png_width = 0, png_height = 0;
-    std::string png;
+    int frames_width = 0, frames_height = 0;  // the connection's picture size
+    uint64_t fetched_at_ms = 0;                // the last frame request to the item
+    struct cached_png {
+        uint64_t at_ms = 0;
+        std::string bytes;
+    };
+    std::map<std::pair<int, int>, cached_png> pngs;  // by size; a few sizes at most
 
     std::mutex control_mutex;  // guards the command connection and the stats cache
     t4mi_client control;

@@ -19,15 +19,36 @@ bool same_secret(const std::string& given, const std::string& secret)
     return diff == 0;
 }
 
-bool authorised(const httplib::Request& req, const std::string& token)
+const char TOKEN_COOKIE[] = "t4mi_panel_token";
+
+// The value of cookie `name` in the request, or empty.
+std::string cookie(const httplib::Request& req, const std::string& name)
 {
-    if (token.empty())
-        return true;
+    const std::string header = req.get_header_value("Cookie");
+    for (size_t at = 0; at < header.size();) {
+        const size_t end = std::min(header.find(';', at), header.size());
+        size_t start = header.find_first_not_of(' ', at);
+        if (start < end && header.compare(start, name.size() + 1, name + "=") == 0)
+            return header.substr(start + name.size() + 1, end - start - name.size() - 1);
+        at = end + 1;
+    }
+    return "";
+}
+
+enum class credential { none, header, query, cookie };
+
+// How the request carries the token, if it does.
+credential authorised(const httplib::Request& req, const std::string& token)
+{
     const std::string header = req.get_header_value("Authorization");
     const std::string bearer = "Bearer ";
     if (header.compare(0, bearer.size(), bearer) == 0 && same_secret(header.substr(bearer.size()), token))
-        return true;
-    return req.has_param("token") && same_secret(req.get_param_value("token"), token);
+        return credential::header;
+    if (req.has_param("token") && same_secret(req.get_param_value("token"), token))
+        return credential::query;
+    if (const std::string c = cookie(req, TOKEN_COOKIE); !c.empty() && same_secret(c, token))
+        return credential::cookie;
+    return credential::none;
 }
 
 bool loopback_host(const std::string& host_header)
@@ -90,12 +111,21 @@ void panel_install(httplib::Server& server, item_link& link, const panel_options
             res.set_content("Forbidden host\n", "text/plain");
             return httplib::Server::HandlerResponse::Handled;
         }
-        if (!authorised(req, options.token)) {
+        if (options.token.empty())
+            return httplib::Server::HandlerResponse::Unhandled;
+        const credential how = authorised(req, options.token);
+        if (how == credential::none) {
             res.status = 401;
             res.set_header("WWW-Authenticate", "Bearer");
             res.set_content("Unauthorized\n", "text/plain");
             return httplib::Server::HandlerResponse::Handled;
         }
+        // The page opened with ?token= gets it as a cookie, so that its style
+        // sheet, script and frames carry it too. Strict: another site's page
+        // cannot make the browser send it.
+        if (how == credential::query)
+            res.set_header("Set-Cookie", std::string(TOKEN_COOKIE) + "=" + options.token +
+                                             "; Path=/; HttpOnly; SameSite=Strict");
         return httplib::Server::HandlerResponse::Unhandled;
     });
 
@@ -104,6 +134,9 @@ void panel_install(httplib::Server& server, item_link& link, const panel_options
             res.set_content(a.content, std::string(a.content_type) + "; charset=utf-8");
         });
     }
+
+    // Browsers ask for it by themselves; nothing to show.
+    server.Get("/favicon.ico", [](const httplib::Request&, httplib::Response& res) { res.status = 204; });
 
     server.Get("/frame.png", [&link](const httplib::Request& req, httplib::Response& res) {
         const int w = side(req, "w", 640, PANEL_MAX_PREVIEW_WIDTH);

@@ -19,8 +19,10 @@ class item_link;
 
 struct panel_options {
     // When not empty every request must carry it: "Authorization: Bearer
-    // <token>", or "?token=<token>" for the page itself. Otherwise 401 and
-    // nothing is done.
+    // <token>", "?token=<token>" (the page's address; the answer then sets
+    // it as the cookie "t4mi_panel_token", which the page's own requests
+    // carry), or that cookie. Otherwise 401 and nothing is done. Letters,
+    // digits and "-._~" only (t4mi_panel checks), so that it fits a cookie.
     std::string token;
     // Request bodies past this many bytes are refused with 413 before they
     // are read.

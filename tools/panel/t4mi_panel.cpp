@@ -5,15 +5,16 @@
 //   t4mi_panel (--socket PATH | --metadir DIR) [--listen ADDR:PORT]
 //              [--token TOKEN] [--max-body BYTES]
 //
-// Prints "t4mi_panel: listening on http://ADDR:PORT/" once it listens (PORT
-// 0 picks a free port, which the line names), and serves until SIGINT or
-// SIGTERM.
+// Prints "t4mi_panel: listening on http://ADDR:PORT/" on standard error once
+// it listens (PORT 0 picks a free port, which the line names), and serves
+// until SIGINT or SIGTERM.
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <httplib.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <string>
 #include <thread>
 
@@ -112,6 +113,11 @@ int parse(int argc, char** argv, command_line* cl)
         usage(stderr);
         return 2;
     }
+    if (cl->panel.token.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~") !=
+        std::string::npos) {
+        std::fprintf(stderr, "t4mi_panel: the token may hold only letters, digits and -._~\n");
+        return 2;
+    }
     cl->panel.loopback_only = is_loopback(cl->host);
     return 0;
 }
@@ -133,6 +139,11 @@ int main(int argc, char** argv)
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
 
+    // The panel is an onlooker: on a busy machine the item's playout
+    // clients come first. Set before any thread starts, so all inherit it.
+    if (setpriority(PRIO_PROCESS, 0, 10) != 0)
+        std::fprintf(stderr, "t4mi_panel: cannot lower its priority: %s\n", std::strerror(errno));
+
     item_link link(cl.link);
     httplib::Server server;
     panel_install(server, link, cl.panel);
@@ -143,9 +154,8 @@ int main(int argc, char** argv)
         return 1;
     }
     const bool v6 = cl.host.find(':') != std::string::npos;
-    std::printf("t4mi_panel: listening on http://%s%s%s:%d/\n", v6 ? "[" : "", cl.host.c_str(), v6 ? "]" : "",
-                port);
-    std::fflush(stdout);
+    std::fprintf(stderr, "t4mi_panel: listening on http://%s%s%s:%d/\n", v6 ? "[" : "", cl.host.c_str(),
+                 v6 ? "]" : "", port);
 
     std::thread stopper([&server, stop_signals] {
         int sig = 0;

@@ -35,68 +35,74 @@ bool item_link::attach(t4mi_client& c, std::string* error)
     return true;
 }
 
+item_link::preview* item_link::preview_for(int width, int height, uint64_t now, std::string* error)
+{
+    const auto key = std::make_pair(width, height);
+    auto it = previews.find(key);
+    if (it == previews.end()) {
+        if (previews.size() >= MAX_PREVIEWS) {
+            auto oldest = previews.begin();
+            for (auto p = previews.begin(); p != previews.end(); ++p)
+                if (p->second.used_ms < oldest->second.used_ms)
+                    oldest = p;
+            previews.erase(oldest);
+        }
+        it = previews.emplace(key, preview{}).first;
+    }
+    preview& p = it->second;
+    p.used_ms = now;
+    if (p.client && p.client->connected())
+        return &p;
+    p.client = std::make_unique<t4mi_client>();
+    t4mi_client_settings s;
+    s.width = width;
+    s.height = height;
+    s.time_scale = 30000;
+    s.frame_duration = 1001;
+    if (!attach(*p.client, error))
+        return nullptr;
+    if (!p.client->send_settings(s)) {
+        *error = "settings refused: " + p.client->error();
+        p.client->close();
+        return nullptr;
+    }
+    return &p;
+}
+
 bool item_link::frame_png(int width, int height, std::string* out, std::string* error)
 {
     std::lock_guard<std::mutex> lock(frames_mutex);
-    const uint64_t now = now_ms();
-    if (frames_stale.exchange(false)) {
-        frames.close();
-        frames_width = frames_height = 0;
-        pngs.clear();
-    }
+    if (frames_stale.exchange(false))
+        previews.clear();
+    uint64_t now = now_ms();
     const uint64_t next_fetch_ms = fetched_at_ms + uint64_t(options.frame_interval_ms);
-    const auto cached = pngs.find({width, height});
+    preview* p = preview_for(width, height, now, error);
+    if (p == nullptr)
+        return false;
     if (now < next_fetch_ms) {
-        if (cached != pngs.end()) {
-            *out = cached->second.bytes;
+        if (p->png_ms != 0) {
+            *out = p->png;
             return true;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(next_fetch_ms - now));
+        now = now_ms();
     }
-    fetched_at_ms = now_ms();
-    if (!attach(frames, error))
-        return false;
-    if (width != frames_width || height != frames_height) {
-        t4mi_client_settings s;
-        s.width = width;
-        s.height = height;
-        s.time_scale = 30000;
-        s.frame_duration = 1001;
-        if (!frames.send_settings(s)) {
-            *error = "settings refused: " + frames.error();
-            frames.close();
-            frames_width = frames_height = 0;
-            return false;
-        }
-        frames_width = width;
-        frames_height = height;
-    }
-    const uint64_t n = (fetched_at_ms - start_ms) * 30000 / 1001000;
+    fetched_at_ms = now;
+    const uint64_t n = (now - start_ms) * 30000 / 1001000;
     t4mi_client_frame f;
-    if (!frames.request_frame(n, 0, 0, &f)) {
-        *error = "frame " + std::to_string(n) + ": " + frames.error();
-        if (!frames.connected())
-            frames_width = frames_height = 0;
+    if (!p->client->request_frame(n, 0, 0, &f)) {
+        *error = "frame " + std::to_string(n) + ": " + p->client->error();
         return false;
     }
     std::string encoded;
     const bool ok = frame_to_png(f, &encoded);
-    frames.release_frame(n, 0);
-    if (!frames.connected())
-        frames_width = frames_height = 0;
+    p->client->release_frame(n, 0);
     if (!ok) {
         *error = "cannot encode the frame as PNG";
         return false;
     }
-    // Few sizes are in use at once; forget the oldest past four.
-    if (pngs.size() >= 4 && pngs.count({width, height}) == 0) {
-        auto oldest = pngs.begin();
-        for (auto it = pngs.begin(); it != pngs.end(); ++it)
-            if (it->second.at_ms < oldest->second.at_ms)
-                oldest = it;
-        pngs.erase(oldest);
-    }
-    pngs[{width, height}] = {fetched_at_ms, encoded};
+    p->png = encoded;
+    p->png_ms = now;
     *out = std::move(encoded);
     return true;
 }

@@ -16,6 +16,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -52,21 +53,29 @@ private:
     item_link_options options;
     uint64_t start_ms;
 
-    // Set by a command the panel sent: the frames connection starts again.
+    // Set by a command the panel sent: the frames connections start again.
     // A still (static) text is rendered once per layout and every request
     // shares that frame, so a context that keeps asking goes on being served
     // the cached picture of the old text; a new context lays the new one out.
     std::atomic<bool> frames_stale{false};
 
-    std::mutex frames_mutex;  // guards the frames connection and its cache
-    t4mi_client frames;
-    int frames_width = 0, frames_height = 0;  // the connection's picture size
-    uint64_t fetched_at_ms = 0;                // the last frame request to the item
-    struct cached_png {
-        uint64_t at_ms = 0;
-        std::string bytes;
+    // One connection (one client context) per preview size, so that two
+    // browsers at two sizes do not make the item lay the text out again at
+    // every turn; the last picture of each size is kept beside it.
+    struct preview {
+        std::unique_ptr<t4mi_client> client;
+        uint64_t used_ms = 0;   // when a browser last asked for this size
+        uint64_t png_ms = 0;    // when `png` was fetched; 0: never
+        std::string png;
     };
-    std::map<std::pair<int, int>, cached_png> pngs;  // by size; a few sizes at most
+    static constexpr size_t MAX_PREVIEWS = 4;
+    // The preview of this size, its connection made and set up; null with a
+    // reason when the item cannot be reached.
+    preview* preview_for(int width, int height, uint64_t now, std::string* error);
+
+    std::mutex frames_mutex;  // guards the previews
+    std::map<std::pair<int, int>, preview> previews;  // by width, height
+    uint64_t fetched_at_ms = 0;                       // the last frame request to the item
 
     std::mutex control_mutex;  // guards the command connection and the stats cache
     t4mi_client control;

@@ -6,6 +6,7 @@
 
 int main(int argc, char** argv)
 {
+    install_pipe_and_hangup_handlers();
     // Keeps the last messages for "v4::stats"; what reaches descriptor 2 is unchanged.
     serve_stats_capture_stderr();
     if (int status = start_up(argc, argv); status >= 0)

@@ -11,6 +11,7 @@ packages=(
   libfreetype-dev libfontconfig-dev libxml2-dev libpng-dev nlohmann-json3-dev curl
   libgtest-dev libgmock-dev libbenchmark-dev ffmpeg
   pandoc dpkg-dev file
+  libcpp-httplib-dev chromium chromium-driver python3-selenium
   fonts-liberation fonts-symbola fonts-noto-color-emoji fonts-wqy-microhei
 )
 

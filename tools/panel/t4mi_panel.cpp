@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "item_link.h"
+#include "platform/args.h"
 #include "panel_http.h"
 
 namespace {
@@ -34,6 +35,7 @@ void usage(FILE* out)
 {
     std::fputs("usage: t4mi_panel (--socket PATH | --metadir DIR) [--listen ADDR:PORT] [--token TOKEN]\n"
                "                  [--max-body BYTES]\n"
+               "       t4mi_panel --help | --version\n"
                "  --socket PATH      the item's control socket\n"
                "  --metadir DIR      the item's metadata directory (its status.json names the socket)\n"
                "  --listen ADDR:PORT where to serve (default 127.0.0.1:8088; port 0: any free port)\n"
@@ -77,6 +79,10 @@ int parse(int argc, char** argv, command_line* cl)
         const std::string a = argv[i];
         if (a == "--help" || a == "-h") {
             usage(stdout);
+            return -1;
+        }
+        if (a == "--version") {
+            t4mi_print_version("t4mi_panel");
             return -1;
         }
         if (i + 1 >= argc) {

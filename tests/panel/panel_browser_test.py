@@ -278,7 +278,6 @@ def run(args, rig):
         wait_for("the hostile text on the page", lambda: text("current-text") == hostile)
         check(driver.find_elements(By.CSS_SELECTOR, "#current-text *") == [], "HTML in the text became elements")
         check(driver.execute_script("return window.__pwned === undefined"), "script from the item's text ran")
-        wait_for("the hostile text in the form", lambda: True)
         driver.find_element(By.ID, "fill").click()
         check(driver.find_element(By.ID, "f-text").get_attribute("value") == hostile, "form text differs")
         driver.save_screenshot(os.path.join(out, "panel-html-text.png"))

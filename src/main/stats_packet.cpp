@@ -5,6 +5,7 @@
 // item.
 #include "main/stats_packet.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 

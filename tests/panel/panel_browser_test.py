@@ -189,6 +189,22 @@ return n;
 """
 
 
+# Whether the preview differs from the first picture it showed.
+PREVIEW_CHANGED = """
+const img = document.getElementById('frame');
+if (!img.complete || img.naturalWidth === 0) return false;
+const c = document.createElement('canvas');
+c.width = img.naturalWidth; c.height = img.naturalHeight;
+const g = c.getContext('2d');
+g.drawImage(img, 0, 0);
+const d = g.getImageData(0, 0, c.width, c.height).data;
+let sum = 0;
+for (let i = 0; i < d.length; i += 4) sum = (sum * 31 + d[i] + d[i + 3]) % 1000000007;
+if (window.__firstPreview === undefined) { window.__firstPreview = sum; return false; }
+return sum !== window.__firstPreview;
+"""
+
+
 def browser(args):
     from selenium import webdriver
     from selenium.webdriver.chrome.service import Service
@@ -233,6 +249,7 @@ def run(args, rig):
         wait_for("preview frames", lambda: int(driver.find_element(By.ID, "frame").get_attribute("data-frames")
                                                or 0) >= 3)
         check(text("link-state") == "attached", "link state: " + text("link-state"))
+        driver.execute_script(PREVIEW_CHANGED)  # remembers the first picture
         check(driver.find_element(By.ID, "f-fontColor").get_attribute("value") == "ffffff",
               "the form was not filled from the item")
         check(len(driver.find_elements(By.CSS_SELECTOR, "#messages li")) > 0, "no messages shown")
@@ -276,6 +293,10 @@ def run(args, rig):
                               capture_output=True, text=True, timeout=20)
         check(out_.returncode == 0, "t4mi_control text failed: " + out_.stderr)
         wait_for("the hostile text on the page", lambda: text("current-text") == hostile)
+        # A change made elsewhere shows in the preview too: the panel starts
+        # its frames again when the item's settings change (a still text
+        # keeps its picture on a connection that goes on asking).
+        wait_for("the preview of the new text", lambda: driver.execute_script(PREVIEW_CHANGED) is True)
         check(driver.find_elements(By.CSS_SELECTOR, "#current-text *") == [], "HTML in the text became elements")
         check(driver.execute_script("return window.__pwned === undefined"), "script from the item's text ran")
         driver.find_element(By.ID, "fill").click()

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <thread>
 
+#include <nlohmann/json.hpp>
+
 #include "frame_png.h"
 #include "platform/packet.h"
 
@@ -130,6 +132,16 @@ bool item_link::stats(std::string* json, std::string* error)
     }
     stats_json.assign(reply.packet.data.data(), reply.packet.data_length());
     stats_at_ms = now;
+    // Text or settings changed by someone else (a control tool, an edited
+    // item file): the previews start again, as after the panel's own
+    // commands.
+    const nlohmann::json parsed = nlohmann::json::parse(stats_json, nullptr, false);
+    std::string settings = parsed.is_object() && parsed.contains("settings") ? parsed["settings"].dump() : "";
+    if (settings != last_settings) {
+        if (!last_settings.empty())
+            frames_stale = true;
+        last_settings = std::move(settings);
+    }
     *json = stats_json;
     return true;
 }

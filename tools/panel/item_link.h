@@ -53,7 +53,8 @@ private:
     item_link_options options;
     uint64_t start_ms;
 
-    // Set by a command the panel sent: the frames connections start again.
+    // Set by a command the panel sent, or when the stats show new settings:
+    // the frames connections start again.
     // A still (static) text is rendered once per layout and every request
     // shares that frame, so a context that keeps asking goes on being served
     // the cached picture of the old text; a new context lays the new one out.
@@ -81,4 +82,5 @@ private:
     t4mi_client control;
     uint64_t stats_at_ms = 0;
     std::string stats_json;
+    std::string last_settings;  // the "settings" of the last stats, as JSON text
 };

@@ -173,31 +173,28 @@ def white_pixels(planes):
     return sum(1 for i in range(len(y)) if a[i] > 200 and y[i] > 220 and abs(u[i] - 128) < 8 and abs(v[i] - 128) < 8)
 
 
-# Counts the preview's opaque yellow pixels, as the page shows them.
-PREVIEW_YELLOW = """
+# The preview's RGBA bytes as the page shows them, in `d`; the script ends
+# with null while there is no picture yet.
+PREVIEW_PIXELS = """
 const img = document.getElementById('frame');
-if (!img.complete || img.naturalWidth === 0) return 0;
+if (!img.complete || img.naturalWidth === 0) return null;
 const c = document.createElement('canvas');
 c.width = img.naturalWidth; c.height = img.naturalHeight;
 const g = c.getContext('2d');
 g.drawImage(img, 0, 0);
 const d = g.getImageData(0, 0, c.width, c.height).data;
+"""
+
+# Counts the preview's opaque yellow pixels.
+PREVIEW_YELLOW = PREVIEW_PIXELS + """
 let n = 0;
 for (let i = 0; i < d.length; i += 4)
   if (d[i + 3] > 200 && d[i] > 200 && d[i + 1] > 200 && d[i + 2] < 80) n++;
 return n;
 """
 
-
 # Whether the preview differs from the first picture it showed.
-PREVIEW_CHANGED = """
-const img = document.getElementById('frame');
-if (!img.complete || img.naturalWidth === 0) return false;
-const c = document.createElement('canvas');
-c.width = img.naturalWidth; c.height = img.naturalHeight;
-const g = c.getContext('2d');
-g.drawImage(img, 0, 0);
-const d = g.getImageData(0, 0, c.width, c.height).data;
+PREVIEW_CHANGED = PREVIEW_PIXELS + """
 let sum = 0;
 for (let i = 0; i < d.length; i += 4) sum = (sum * 31 + d[i] + d[i + 3]) % 1000000007;
 if (window.__firstPreview === undefined) { window.__firstPreview = sum; return false; }
@@ -317,7 +314,7 @@ def run(args, rig):
         check(served[0] != before[0], "the served frame did not change")
         check(yellow_pixels(served) > 50, "the served frame has no yellow text")
         wait_for("the new text on the page", lambda: text("current-text") == "Changed from the panel")
-        wait_for("yellow text in the preview", lambda: driver.execute_script(PREVIEW_YELLOW) > 50)
+        wait_for("yellow text in the preview", lambda: (driver.execute_script(PREVIEW_YELLOW) or 0) > 50)
         driver.save_screenshot(os.path.join(out, "panel-changed.png"))
 
         # --- the backdrop colour -------------------------------------------------

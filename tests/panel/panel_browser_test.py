@@ -246,7 +246,8 @@ def run(args, rig):
         wait_for("preview frames", lambda: int(driver.find_element(By.ID, "frame").get_attribute("data-frames")
                                                or 0) >= 3)
         check(text("link-state") == "attached", "link state: " + text("link-state"))
-        driver.execute_script(PREVIEW_CHANGED)  # remembers the first picture
+        # Remembers the first picture (null until one has loaded).
+        wait_for("a preview picture", lambda: driver.execute_script(PREVIEW_CHANGED) is not None)
         check(driver.find_element(By.ID, "f-fontColor").get_attribute("value") == "ffffff",
               "the form was not filled from the item")
         check(len(driver.find_elements(By.CSS_SELECTOR, "#messages li")) > 0, "no messages shown")

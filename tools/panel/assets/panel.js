@@ -179,7 +179,10 @@ function showStats(s) {
   const m = s.frame_memory || {};
   $('stat-memory').textContent = bytesText(m.bytes || 0) + ' in ' + (m.frames || 0) + ' frames (buffer ' +
     bytesText(m.buffer_bytes || 0) + ')';
-  fillList($('messages'), s.messages || []);
+  const messages = $('messages');
+  const atBottom = messages.scrollTop + messages.clientHeight >= messages.scrollHeight - 4;
+  fillList(messages, s.messages || []);
+  if (atBottom) messages.scrollTop = messages.scrollHeight;  // follow the newest, unless the operator scrolled up
   const settings = s.settings || {};
   $('current-text').textContent = (settings.text || '').replace(/\u001f/g, '\n');
   lastSettings = settings;

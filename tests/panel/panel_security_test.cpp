@@ -128,6 +128,17 @@ TEST_F(PanelProcess, ServesOnlyTheLoopbackByDefault)
     r = c.Get("/api/stats");
     ASSERT_TRUE(r);
     EXPECT_EQ(r->status, 200);
+    // Preview sizes past 1920 x 1080 are refused before the item is asked.
+    for (const char* path : {"/frame.png?w=1921&h=108", "/frame.png?w=640&h=0", "/frame.png?w=64x&h=10"}) {
+        r = c.Get(path);
+        ASSERT_TRUE(r);
+        EXPECT_EQ(r->status, 400) << path;
+    }
+    r = c.Get("/frame.png?w=64&h=16");
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->status, 200);
+    EXPECT_EQ(r->get_header_value("Content-Type"), "image/png");
+    EXPECT_EQ(r->body.compare(1, 3, "PNG"), 0);
 }
 
 TEST_F(PanelProcess, WithoutTheRightTokenEverythingIs401AndNothingChanges)

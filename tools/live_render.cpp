@@ -62,7 +62,6 @@ int run_live(const live_settings& s, t4mi_client& client, y4m_writer& out, live_
 {
     live_totals t;
     std::string error;
-    out.tag_frames();
     auto finish = [&](int status) {
         std::string close_error;
         if (!out.close(&close_error) && status == 0 && !t.reader_gone) {
@@ -86,7 +85,9 @@ int run_live(const live_settings& s, t4mi_client& client, y4m_writer& out, live_
                      client.error().c_str());
         return finish(stop_requested ? 0 : 1);
     }
-    const live_schedule clock(live_now_ns(), s.rate_num, s.rate_den);
+    // Set again when frame 0 has left: the run starts once the reader takes
+    // its first frame, so an encoder's start-up makes no frame late.
+    live_schedule clock(live_now_ns(), s.rate_num, s.rate_den);
     const int64_t late_after = clock.period_ns() / 2;
     late_report report;
     bool warned_release = false;
@@ -107,9 +108,11 @@ int run_live(const live_settings& s, t4mi_client& client, y4m_writer& out, live_
             return finish(1);
         }
         const int64_t left = live_now_ns();
+        if (k == 0)
+            clock = live_schedule(left, s.rate_num, s.rate_den);
         ++t.written;
         t.seconds = double(left - clock.start_ns()) / 1e9;
-        if (left - due > late_after) {
+        if (k > 0 && left - due > late_after) {
             report.note_late(left - due);
             ++t.late;
             if (left - due > t.worst_late_ns)

@@ -2,7 +2,8 @@
 // stream that an encoder reads as it comes (docs/streaming.md).
 //
 // Frame k of the run leaves at start + k / rate, never earlier; the run
-// starts when the first frame is ready. The next frame is requested as soon
+// starts when the first frame has left (a reader that starts late, such as
+// an encoder probing its inputs, does not make the frames after it late). The next frame is requested as soon
 // as one has left, so a text change the server takes shows within about two
 // frames. A frame that leaves more than half a frame after its time counts
 // as late; late frames are reported on standard error at most once a second
@@ -39,7 +40,7 @@ struct live_totals {
 void live_catch_stop_signals();
 
 // Runs the live loop: requests frames from `client` (its settings already
-// sent) and writes them to `out`, tagged with their frame numbers. Returns
+// sent) and writes them to `out`. Returns
 // the exit status (0 also when stopped by a signal or when the reader went
 // away); messages go to standard error.
 int run_live(const live_settings& settings, t4mi_client& client, y4m_writer& out, live_totals* totals);

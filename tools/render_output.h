@@ -26,7 +26,10 @@ public:
     bool flush(std::string* error);
     bool close(std::string* error);
     // From now on every frame header names the frame number it shows
-    // ("FRAME XFRAME=<n>"); readers that know no such tag skip it.
+    // ("FRAME XFRAME=<n>"), for readers that check which frames came.
+    // FFmpeg skips the tag when it reads on, but works out positions and
+    // timestamps from the untagged frame size, so a tagged file does not
+    // seek there.
     void tag_frames() { tagged = true; }
     // The errno of the last failed write (EPIPE: the reader went away).
     int write_errno() const { return last_errno; }

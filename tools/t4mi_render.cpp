@@ -55,14 +55,16 @@ const char* const usage =
     "  --timeout SECONDS   bound on every wait for the server (default 30)\n"
     "  --live              pace frames at the rate against the clock; runs until SIGINT/SIGTERM\n"
     "                      unless --frames or --seconds is given; needs --out\n"
-    "  --drop-late         with --live: skip frames whose time has passed rather than fall behind\n";
+    "  --drop-late         with --live: skip frames whose time has passed rather than fall behind\n"
+    "  --frame-tags        name each frame's number in its Y4M frame header (FRAME XFRAME=N),\n"
+    "                      for readers of their own; FFmpeg cannot seek in such a file\n";
 
 struct options {
     std::string socket, item, type, server, metadir, out, png_dir, sheet;
     uint32_t width = 1920, height = 1080;
     int64_t rate_num = 30000, rate_den = 1001;
     bool fields = false;
-    bool live = false, drop_late = false;
+    bool live = false, drop_late = false, frame_tags = false;
     bool length_given = false;  // --frames or --seconds
     int64_t aspect_num = 0, aspect_den = 0;
     uint64_t start = 0;
@@ -108,8 +110,9 @@ int parse_args(int argc, char** argv, options* o)
         if (a == "-h" || a == "--help") {
             std::fputs(usage, stdout);
             return 0;
-        } else if (a == "--fields" || a == "--live" || a == "--drop-late") {
-            (a == "--fields" ? o->fields : a == "--live" ? o->live : o->drop_late) = true;
+        } else if (a == "--fields" || a == "--live" || a == "--drop-late" || a == "--frame-tags") {
+            (a == "--fields" ? o->fields : a == "--live" ? o->live : a == "--drop-late" ? o->drop_late : o->frame_tags) =
+                true;
             continue;
         } else if ((v = value()) == nullptr) {
             std::fprintf(stderr, "t4mi_render: %s needs a value\n%s", a.c_str(), usage);
@@ -363,6 +366,8 @@ int render(const options& o, t4mi_client& client)
         std::fprintf(stderr, "t4mi_render: %s\n", error.c_str());
         return 1;
     }
+    if (o.frame_tags)
+        y4m.tag_frames();
     if (o.live)
         return render_live(o, client, y4m, rate_num, rate_den, o.length_given ? count : 0);
     if (!o.png_dir.empty()) {

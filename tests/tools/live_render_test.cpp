@@ -97,7 +97,7 @@ protected:
 
 TEST_F(LiveRender, PacedAtNtscRateForTenSecondsAndShowsATextChangeWithinThreeFrames)
 {
-    start({"--seconds", "10"});
+    start({"--seconds", "10", "--frame-tags"});
     std::string socket;
     ASSERT_TRUE(t4mi_client_read_ready(dir / "meta", &socket));
     t4mi_client control;
@@ -151,7 +151,7 @@ TEST_F(LiveRender, PacedAtNtscRateForTenSecondsAndShowsATextChangeWithinThreeFra
 
 TEST_F(LiveRender, SlowReaderGetsDroppedFramesAndNoDrift)
 {
-    start({"--seconds", "3", "--drop-late"});
+    start({"--seconds", "3", "--drop-late", "--frame-tags"});
     // This reader takes two frame periods per frame: half the rate.
     std::vector<arrival> seen;
     t4test::y4m_frame f;
@@ -192,7 +192,7 @@ TEST_F(LiveRender, SlowReaderGetsDroppedFramesAndNoDrift)
 
 TEST_F(LiveRender, SigtermEndsTheRunBetweenFrames)
 {
-    start({});  // no length: runs until stopped
+    start({"--frame-tags"});  // no length: runs until stopped
     t4test::y4m_frame f;
     int64_t n = 0;
     for (; n < 10; n++) {

@@ -24,8 +24,9 @@
 #include <unistd.h>
 #include <vector>
 
-#include "platform/t4mi_client.h"
 #include "live_render.h"
+#include "platform/args.h"
+#include "platform/t4mi_client.h"
 #include "render_output.h"
 
 namespace fs = std::filesystem;
@@ -57,7 +58,8 @@ const char* const usage =
     "                      unless --frames or --seconds is given; needs --out\n"
     "  --drop-late         with --live: skip frames whose time has passed rather than fall behind\n"
     "  --frame-tags        name each frame's number in its Y4M frame header (FRAME XFRAME=N),\n"
-    "                      for readers of their own; FFmpeg cannot seek in such a file\n";
+    "                      for readers of their own; FFmpeg cannot seek in such a file\n"
+    "  --version           print the version and exit\n";
 
 struct options {
     std::string socket, item, type, server, metadir, out, png_dir, sheet;
@@ -109,6 +111,9 @@ int parse_args(int argc, char** argv, options* o)
         uint64_t n = 0;
         if (a == "-h" || a == "--help") {
             std::fputs(usage, stdout);
+            return 0;
+        } else if (a == "--version") {
+            t4mi_print_version("t4mi_render");
             return 0;
         } else if (a == "--fields" || a == "--live" || a == "--drop-late" || a == "--frame-tags") {
             (a == "--fields" ? o->fields : a == "--live" ? o->live : a == "--drop-late" ? o->drop_late : o->frame_tags) =

@@ -74,7 +74,7 @@ protected:
     void start(const std::vector<std::string>& extra)
     {
         render = std::make_unique<t4test::serving_process>(t4test::render_tool_binary(), live_args(extra),
-                                                           fonts.env(), true);
+                                                           fonts.env(), -1, true);
         ASSERT_GE(render->output_fd(), 0);
         in = std::make_unique<t4test::y4m_reader>(render->output_fd());
         ASSERT_TRUE(in->read_header(30000)) << in->error() << "\n" << render->err();

@@ -279,8 +279,9 @@ TEST_F(png_corpus_test, hardened_reader_refuses_what_libpng_cannot_decode)
         const child_outcome o = read_in_child(path("bad.png"), true);
         ASSERT_TRUE(o.exited) << "file " << i << " ended by signal " << o.signal << "\n" << o.err;
         const bool libpng_error = o.err.find("PNG ERROR: ") != std::string::npos;
-        if (libpng_error)
+        if (libpng_error) {
             EXPECT_EQ(o.out, "null\n") << "file " << i;
+        }
         refused_by_libpng += libpng_error;
     }
     EXPECT_GT(refused_by_libpng, damaged.size() / 2);

@@ -5,6 +5,7 @@
 #include "frames/compositor.h"
 #include "frames/frame_buffer.h"
 #include "frames/reader.h"
+#include "items/item_types.h"
 #include "items/scroll_settings.h"
 #include "platform/packet.h"
 

@@ -184,13 +184,19 @@ serving_process::serving_process(const std::string& binary, const std::vector<st
 
 serving_process::~serving_process()
 {
-    if (out_fd >= 0)
-        close(out_fd);
+    close_output();
     if (child > 0 && running()) {
         kill(child, SIGKILL);
         int status = 0;
         waitpid(child, &status, 0);
     }
+}
+
+void serving_process::close_output()
+{
+    if (out_fd >= 0)
+        close(out_fd);
+    out_fd = -1;
 }
 
 bool serving_process::running()

@@ -82,6 +82,8 @@ public:
     const std::string& socket_path() const { return socket; }
     pid_t pid() const { return child; }
     int output_fd() const { return out_fd; }
+    // Closes this end of the output pipe, as a reader that goes away.
+    void close_output();
     // Sends `sig` and waits up to `timeout_ms` for the exit. True when it
     // exited; `exit_status` gets the status (-1 when killed by a signal).
     bool stop(int sig, int timeout_ms, int* exit_status);

@@ -9,9 +9,7 @@
 
 #include <csignal>
 #include <filesystem>
-#include <map>
 #include <memory>
-#include <sstream>
 #include <thread>
 
 #include "platform/t4mi_client.h"
@@ -208,16 +206,18 @@ TEST_F(LiveRender, SigtermEndsTheRunBetweenFrames)
     EXPECT_NE(render->err().find("; stopped by a signal\n"), std::string::npos) << render->err();
 }
 
-// "key=value" lines of ffprobe's default output.
-std::map<std::string, std::string> key_values(const std::string& text)
+TEST_F(LiveRender, EndsWhenTheReaderClosesTheOutput)
 {
-    std::map<std::string, std::string> m;
-    std::istringstream lines(text);
-    std::string line;
-    while (std::getline(lines, line))
-        if (const auto eq = line.find('='); eq != std::string::npos)
-            m[line.substr(0, eq)] = line.substr(eq + 1);
-    return m;
+    start({});  // untagged, as FFmpeg wants it, and endless
+    t4test::y4m_frame f;
+    for (int n = 0; n < 5; n++) {
+        ASSERT_TRUE(in->next(&f, 5000)) << in->error();
+        EXPECT_EQ(f.frame_number, -1) << "no XFRAME tag without --frame-tags";
+    }
+    in.reset();
+    render->close_output();
+    EXPECT_EQ(finish(), 0) << render->err();
+    EXPECT_NE(render->err().find("t4mi_render: the reader closed the output\n"), std::string::npos) << render->err();
 }
 
 std::string quoted(const std::string& s) { return "'" + s + "'"; }
@@ -241,7 +241,7 @@ TEST_F(LiveRender, FfmpegKeysTheLiveCrawlOverATestSource)
                              "stream=width,height,nb_read_frames:format=duration", "-of",
                              "default=noprint_wrappers=1", dir / "keyed.mkv"});
     ASSERT_EQ(probe.exit_status, 0) << probe.err;
-    const auto kv = key_values(probe.out);
+    const auto kv = t4test::key_values(probe.out);
     EXPECT_EQ(kv.at("width"), "320");
     EXPECT_EQ(kv.at("height"), "240");
     // 5 s at 30000/1001: 149.85, rounded to 150 frames, 150 * 1001 / 30000 = 5.005 s.

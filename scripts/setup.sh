@@ -11,6 +11,7 @@ packages=(
   libfreetype-dev libfontconfig-dev libxml2-dev libpng-dev nlohmann-json3-dev curl
   libgtest-dev libgmock-dev libbenchmark-dev ffmpeg
   fonts-liberation fonts-symbola fonts-noto-color-emoji fonts-wqy-microhei
+  libharfbuzz-dev libfribidi-dev libharfbuzz-bin fonts-dejavu-core fonts-noto-core
 )
 
 missing=()

@@ -96,7 +96,7 @@ void run(benchmark::State& state, const std::string& content, int32_t width, int
     // The first frame parses and lays out, and fills the glyph and shadow caches.
     for (uint64_t n = first; n < first + span; n += 7) {
         item.session.frame(item.ctx, n);
-        item.ctx->reader->frame_manager.flush_unused_frames(999999);
+        item.ctx->reader->frame_manager.flush_unused_frames(FLUSH_EVERYTHING);
     }
     uint64_t i = 0;
     for (auto _ : state) {
@@ -106,7 +106,7 @@ void run(benchmark::State& state, const std::string& content, int32_t width, int
             return;
         }
         benchmark::DoNotOptimize(frame);
-        item.ctx->reader->frame_manager.flush_unused_frames(999999);
+        item.ctx->reader->frame_manager.flush_unused_frames(FLUSH_EVERYTHING);
         i++;
     }
     state.SetItemsProcessed(int64_t(state.iterations()));

@@ -91,7 +91,7 @@ void BM_FrameRoundTrip(benchmark::State& state)
             if (n % 64 == 0)
                 for (const auto& [id, ctx] : t4mi_client_contexts.all())
                     static_cast<scrolling_text_client_context*>(ctx.get())->reader->frame_manager.flush_unused_frames(
-                        999999);
+                        FLUSH_EVERYTHING);
         }
     }
     state.SetItemsProcessed(int64_t(state.iterations()));
@@ -118,7 +118,7 @@ void BM_PipelinedFrames(benchmark::State& state)
             }
         }
         for (const auto& [id, ctx] : t4mi_client_contexts.all())
-            static_cast<scrolling_text_client_context*>(ctx.get())->reader->frame_manager.flush_unused_frames(999999);
+            static_cast<scrolling_text_client_context*>(ctx.get())->reader->frame_manager.flush_unused_frames(FLUSH_EVERYTHING);
     }
     state.SetItemsProcessed(int64_t(state.iterations()) * 4);
 }

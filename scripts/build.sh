@@ -2,5 +2,5 @@
 # Configures and builds into build/ (RelWithDebInfo, warnings as errors).
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
-cmake -S "$here" -B "$here/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake -S "$here" -B "$here/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DT4MI_WERROR=ON >/dev/null
 cmake --build "$here/build" -j"$(nproc)"

@@ -10,12 +10,14 @@
 #include <string>
 #include <vector>
 
+#include "platform/args.h"
 #include "platform/t4mi_client.h"
 
 namespace {
 
 const char* const usage =
     "Usage: t4mi_control (--socket PATH | --metadir DIR) [--timeout SECONDS] COMMAND [ARGUMENTS]\n"
+    "       t4mi_control --help | --version\n"
     "Commands:\n"
     "  reload                   re-read the item file on the next loop turn\n"
     "  text NAME=VALUE...       change the text and settings at once (\"v4::text\"),\n"
@@ -74,6 +76,10 @@ int main(int argc, char** argv)
         const std::string a = argv[i];
         if (a == "-h" || a == "--help") {
             std::fputs(usage, stdout);
+            return 0;
+        }
+        if (a == "--version") {
+            t4mi_print_version("t4mi_control");
             return 0;
         }
         if (i + 1 >= argc) {

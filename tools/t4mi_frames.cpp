@@ -24,14 +24,16 @@
 #include "frames/frame_buffer.h"
 #include "main/render_session.h"
 #include "frames/yuva_png.h"
+#include "platform/args.h"
 #include "platform/video_frame.h"
 
 namespace {
-void usage()
+void usage(std::FILE* to = stderr)
 {
-    std::fprintf(stderr, "Usage: t4mi_frames --file ITEM [--type MIME] [--size WxH] [--aspect N:D] [--rate S/D]\n"
-                         "                   [--frames N,N,...] [--out DIR] [--raw] [--over RRGGBB]\n"
-                         "                   [--crop X,Y,W,H] [--zoom K]\n");
+    std::fprintf(to, "Usage: t4mi_frames --file ITEM [--type MIME] [--size WxH] [--aspect N:D] [--rate S/D]\n"
+                     "                   [--frames N,N,...] [--out DIR] [--raw] [--over RRGGBB]\n"
+                     "                   [--crop X,Y,W,H] [--zoom K]\n"
+                     "       t4mi_frames --help | --version\n");
 }
 
 bool write_raw(const std::string& path, const yuva_frame_planes& p)
@@ -92,6 +94,14 @@ int main(int argc, char** argv)
         if (a == "--raw") {
             raw = true;
             continue;
+        }
+        if (a == "-h" || a == "--help") {
+            usage(stdout);
+            return 0;
+        }
+        if (a == "--version") {
+            t4mi_print_version("t4mi_frames");
+            return 0;
         }
         if (v == nullptr) {
             usage();

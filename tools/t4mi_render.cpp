@@ -21,6 +21,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "platform/args.h"
 #include "platform/t4mi_client.h"
 #include "render_output.h"
 
@@ -46,7 +47,8 @@ const char* const usage =
     "  --png-every K       only every K-th frame as PNG (default 1)\n"
     "  --sheet FILE        contact sheet PNG of evenly spaced frames\n"
     "  --sheet-count N     frames on the contact sheet (default 12)\n"
-    "  --timeout SECONDS   bound on every wait for the server (default 30)\n";
+    "  --timeout SECONDS   bound on every wait for the server (default 30)\n"
+    "  --version           print the version and exit\n";
 
 struct options {
     std::string socket, item, type, server, out, png_dir, sheet;
@@ -96,6 +98,9 @@ int parse_args(int argc, char** argv, options* o)
         uint64_t n = 0;
         if (a == "-h" || a == "--help") {
             std::fputs(usage, stdout);
+            return 0;
+        } else if (a == "--version") {
+            t4mi_print_version("t4mi_render");
             return 0;
         } else if (a == "--fields") {
             o->fields = true;

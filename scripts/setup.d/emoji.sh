@@ -2,15 +2,17 @@
 # Fills the emoji image directory with one "emoji_u%x.png" per single-code-
 # point emoji, rendered from Debian's fonts-noto-color-emoji by the project's
 # own tool (tools/make_emoji_pngs.cpp). Runs before the project is built, so
-# it compiles the tool itself. Idempotent: a stamp file marks a complete set,
-# and a set without it (an interrupted run) is made again.
+# it compiles the tool itself. Idempotent: a stamp file holds the number of
+# images of a complete set, and a set without it (an interrupted run) or with
+# fewer images (the Debian package removed its own) is made again.
 set -euo pipefail
 here=$(cd "$(dirname "$0")/../.." && pwd)
 dest=/usr/share/tevrin4/fonts/emoji
 font=/usr/share/fonts/truetype/noto/NotoColorEmoji.ttf
 stamp="$dest/.made-by-make_emoji_pngs"
 
-if [ -e "$stamp" ]; then
+count_images() { find "$dest" -maxdepth 1 -name 'emoji_u*.png' 2>/dev/null | wc -l; }
+if [ -e "$stamp" ] && [ "$(cat "$stamp")" = "$(count_images)" ]; then
   echo "setup: emoji images already in $dest"
   exit 0
 fi
@@ -28,5 +30,5 @@ mkdir "$tmp/out"
 "$tmp/make_emoji_pngs" "$font" "$tmp/out"
 install -d "$dest"
 find "$tmp/out" -name 'emoji_u*.png' -exec install -m 0644 -t "$dest" {} +
-touch "$stamp"
+count_images >"$stamp"
 echo "setup: emoji images written to $dest"

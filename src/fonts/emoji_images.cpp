@@ -6,7 +6,9 @@
 // the character falls back to the emoji face.
 #include "fonts/emoji_images.h"
 
+#include <csetjmp>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -16,8 +18,10 @@
 
 #include "fonts/font_bmp.h"
 #include "fonts/font_globals.h"
+#include "frames/yuva_pixel.h"
 #include "platform/fixed_paths.h"
 #include "platform/t4mi_assert.h"
+#include "platform/t4mi_globals.h"
 
 namespace {
 
@@ -29,6 +33,44 @@ void png_error_message(png_structp, png_const_charp message)
 void png_warning_message(png_structp, png_const_charp message)
 {
     std::fprintf(stderr, "PNG WARNING: %s\n", message);
+}
+
+// --harden: a libpng error jumps back to the guarded step that raised it,
+// which then refuses the image, instead of letting libpng abort.
+struct png_guard {
+    bool armed = false; // a guarded step is running: its frame is live
+};
+
+[[noreturn]] void png_error_hardened(png_structp png, png_const_charp message)
+{
+    std::fprintf(stderr, "PNG ERROR: %s\n", message);
+    auto* guard = static_cast<png_guard*>(png_get_error_ptr(png));
+    if (guard != nullptr && guard->armed) {
+        guard->armed = false;
+        png_longjmp(png, 1);
+    }
+    // Outside a guarded step there is no live frame to jump to.
+    std::abort();
+}
+
+// Runs `step`, a few libpng calls. Without --harden it simply runs (an error
+// ends the process in libpng, as designed) and gives true. With it, an error
+// jumps back here and gives false. A longjmp skips destructors, which C++
+// allows only where none would run: so this frame holds nothing after
+// setjmp, and `step` must create no object with a destructor.
+template <typename Step>
+bool run_png_step(png_structp png, png_guard& guard, Step& step)
+{
+    if (!t4mi_harden) {
+        step();
+        return true;
+    }
+    guard.armed = true;
+    if (setjmp(png_jmpbuf(png)))
+        return false;
+    step();
+    guard.armed = false;
+    return true;
 }
 
 struct file_closer {
@@ -108,10 +150,12 @@ font_bmp_cache_storage* load_png_as_font_bmp(const char* path)
     }
     // Deliberate: no setjmp. The handlers report and return, and libpng then
     // ends the process on an error; our images are made by our own tool.
-    png_set_error_fn(png_context, nullptr, png_error_message, png_warning_message);
+    // --harden sets the jump target and refuses the image instead.
+    png_guard guard;
+    png_set_error_fn(png_context, t4mi_harden ? &guard : nullptr, t4mi_harden ? png_error_hardened : png_error_message,
+                     png_warning_message);
     png_set_user_limits(png_context, 16384, 16384);
     png_init_io(png_context, file.get());
-    png_read_info(png_context, png_context_info);
 
     png_uint_32 width = 0;
     png_uint_32 height = 0;
@@ -120,8 +164,15 @@ font_bmp_cache_storage* load_png_as_font_bmp(const char* path)
     int interlace_method = 0;
     int compression_method = 0;
     int filter_method = 0;
-    if (png_get_IHDR(png_context, png_context_info, &width, &height, &bit_depth, &color_type, &interlace_method,
-                     &compression_method, &filter_method) == 0) {
+    png_uint_32 have_header = 0;
+    auto read_header = [&] {
+        png_read_info(png_context, png_context_info);
+        have_header = png_get_IHDR(png_context, png_context_info, &width, &height, &bit_depth, &color_type,
+                                   &interlace_method, &compression_method, &filter_method);
+    };
+    if (!run_png_step(png_context, guard, read_header))
+        return nullptr;
+    if (have_header == 0) {
         std::fprintf(stderr, "Failed to read PNG IHDR\n");
         return nullptr;
     }
@@ -147,18 +198,22 @@ font_bmp_cache_storage* load_png_as_font_bmp(const char* path)
         return nullptr;
     }
 
-    // libpng applies the accurate scaling when both are asked for.
-    png_set_scale_16(png_context);
-    png_set_strip_16(png_context);
-    png_set_packing(png_context);
-
     const size_t row_bytes = size_t(width) * 4;
     const size_t pixels = size_t(width) * size_t(height);
     std::vector<uint8_t> work((pixels + 1024) * 4);
     std::vector<png_bytep> rows(height);
     for (png_uint_32 i = 0; i < height; i++)
         rows[i] = work.data() + i * row_bytes;
-    png_read_rows(png_context, rows.data(), nullptr, height);
+    png_bytepp row_pointers = rows.data();
+    auto read_pixels = [&] {
+        // libpng applies the accurate scaling when both are asked for.
+        png_set_scale_16(png_context);
+        png_set_strip_16(png_context);
+        png_set_packing(png_context);
+        png_read_rows(png_context, row_pointers, nullptr, height);
+    };
+    if (!run_png_step(png_context, guard, read_pixels))
+        return nullptr;
 
     font_bmp_cache_storage* bmp = font_bmp_alloc();
     bmp->width = int32_t(width);
@@ -172,16 +227,16 @@ font_bmp_cache_storage* load_png_as_font_bmp(const char* path)
     bmp->plane_y = font_bmp_zeroed_plane(bmp->stride, bmp->height);
     bmp->plane_u = font_bmp_zeroed_plane(bmp->stride, bmp->height);
     bmp->plane_v = font_bmp_zeroed_plane(bmp->stride, bmp->height);
-    // Studio-range BT.601 with no rounding term; colour is not premultiplied,
-    // so a transparent pixel keeps its own colour.
+    // The text colours' conversion; colour is not premultiplied, so a
+    // transparent pixel keeps its own colour.
     for (png_uint_32 y = 0; y < height; y++) {
         const uint8_t* in = rows[y];
         const size_t at = size_t(y) * size_t(bmp->stride);
         for (png_uint_32 x = 0; x < width; x++, in += 4) {
-            const int32_t r = in[0], g = in[1], b = in[2];
-            bmp->plane_y[at + x] = uint8_t((66 * r + 129 * g + 25 * b + 4096) >> 8);
-            bmp->plane_u[at + x] = uint8_t((-38 * r - 74 * g + 112 * b + 32768) >> 8);
-            bmp->plane_v[at + x] = uint8_t((112 * r - 94 * g - 18 * b + 32768) >> 8);
+            const yuv_colour c = rgb_to_yuv(in[0], in[1], in[2]);
+            bmp->plane_y[at + x] = c.y;
+            bmp->plane_u[at + x] = c.u;
+            bmp->plane_v[at + x] = c.v;
             bmp->plane_a[at + x] = in[3];
         }
     }

@@ -24,6 +24,7 @@ font_bmp_cache_storage* get_emoji_bmp(int32_t uchar);
 //
 // libpng errors are reported ("PNG ERROR: ...") but not caught: no long-jump
 // target is set, so libpng ends the process on a file it cannot decode.
+// With --harden (t4mi_harden) they are caught: the same message, then null.
 font_bmp_cache_storage* load_png_as_font_bmp(const char* path);
 
 // Frees every cached image record and empties the cache.

@@ -4,31 +4,7 @@
 
 #include "fonts/font_bmp.h"
 #include "frames/blend_row.h"
-#include "platform/t4mi_assert.h"
-
-void yuvablend(uint8_t* dy, uint8_t* du, uint8_t* dv, uint8_t* da, unsigned s, unsigned y, unsigned u, unsigned v)
-{
-    const unsigned d = *da;
-    if (d == 0) {
-        *dy = uint8_t(y);
-        *du = uint8_t(u);
-        *dv = uint8_t(v);
-        *da = uint8_t(s);
-        return;
-    }
-    unsigned ia;
-    if (d + s <= 256) {
-        ia = (s * 256) / (d + s);
-        T4MI_ASSERT(ia <= 256u);
-        *da = uint8_t(std::min(d + s, 255u));
-    } else {
-        ia = s;
-        *da = 255;
-    }
-    *dy = uint8_t((y * ia + *dy * (256 - ia) + 128) >> 8);
-    *du = uint8_t((u * ia + *du * (256 - ia) + 128) >> 8);
-    *dv = uint8_t((v * ia + *dv * (256 - ia) + 128) >> 8);
-}
+#include "frames/yuva_pixel.h"
 
 namespace {
 using frame_params = my_AVIVideoRandomReader::common_codec_setup_yuv_params;
@@ -98,7 +74,7 @@ void blit_plain_reference(const frame_params& f, int32_t x, int32_t y, const fon
             const unsigned c = bmp->plane_a[src + size_t(col)];
             if (c == 0)
                 continue;
-            const unsigned s = (c * a * 257) >> 16;
+            const unsigned s = source_alpha(c, a);
             const yuva_row d = row_at(f, x, y, row, col);
             if (coloured)
                 yuvablend(d.y, d.u, d.v, d.a, s, bmp->plane_y[src + size_t(col)], bmp->plane_u[src + size_t(col)],
@@ -128,7 +104,7 @@ void blit_scaled_reference(const frame_params& f, int32_t x, int32_t y, const fo
             const unsigned c = sample(bmp->plane_a + src, pos);
             if (c == 0)
                 continue;
-            const unsigned s = (c * a * 257) >> 16;
+            const unsigned s = source_alpha(c, a);
             const yuva_row d = row_at(f, x, y, row, col);
             if (coloured)
                 yuvablend(d.y, d.u, d.v, d.a, s, sample(bmp->plane_y + src, pos), sample(bmp->plane_u + src, pos),
@@ -145,14 +121,15 @@ void blit_plain(const frame_params& f, int32_t x, int32_t y, const font_bmp_cach
     if (p.empty())
         return;
     const bool coloured = is_colour(bmp);
+    blend_row_fn* const kernel = blend_row_function();
     const size_t n = size_t(p.last_col - p.first_col);
     for (int64_t row = p.first_row; row < p.last_row; row++) {
         const size_t src = size_t(row) * size_t(bmp->stride) + size_t(p.first_col);
         if (coloured)
-            blend_row(row_at(f, x, y, row, p.first_col), bmp->plane_a + src, n, colour, bmp->plane_y + src,
+            kernel(row_at(f, x, y, row, p.first_col), bmp->plane_a + src, n, colour, bmp->plane_y + src,
                       bmp->plane_u + src, bmp->plane_v + src);
         else
-            blend_row(row_at(f, x, y, row, p.first_col), bmp->plane_a + src, n, colour, nullptr, nullptr, nullptr);
+            kernel(row_at(f, x, y, row, p.first_col), bmp->plane_a + src, n, colour, nullptr, nullptr, nullptr);
     }
 }
 
@@ -170,6 +147,7 @@ void blit_scaled(const frame_params& f, int32_t x, int32_t y, const font_bmp_cac
     // The drawn columns of one row, sampled first and then blended as a row;
     // a row never spans more than the picture (at most 4096 pixels).
     uint8_t sampled[4][frame_max_side];
+    blend_row_fn* const kernel = blend_row_function();
     const size_t n = size_t(p.last_col - p.first_col);
     for (int64_t row = p.first_row; row < p.last_row; row++) {
         const size_t src = size_t(row) * size_t(bmp->stride);
@@ -183,8 +161,8 @@ void blit_scaled(const frame_params& f, int32_t x, int32_t y, const font_bmp_cac
             }
         }
         if (coloured)
-            blend_row(row_at(f, x, y, row, p.first_col), sampled[0], n, colour, sampled[1], sampled[2], sampled[3]);
+            kernel(row_at(f, x, y, row, p.first_col), sampled[0], n, colour, sampled[1], sampled[2], sampled[3]);
         else
-            blend_row(row_at(f, x, y, row, p.first_col), sampled[0], n, colour, nullptr, nullptr, nullptr);
+            kernel(row_at(f, x, y, row, p.first_col), sampled[0], n, colour, nullptr, nullptr, nullptr);
     }
 }

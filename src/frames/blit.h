@@ -1,4 +1,5 @@
-// Drawing one bitmap into a YUVA frame with the accumulating blend.
+// Drawing one bitmap into a YUVA frame with the accumulating blend
+// (yuvablend, frames/yuva_pixel.h).
 //
 // Two versions of each blit give identical bytes:
 // - the reference (blit_plain_reference, blit_scaled_reference) applies
@@ -13,13 +14,6 @@
 #include "frames/frame_buffer.h"
 
 struct font_bmp_cache_storage;
-
-// Blends one source pixel into the destination. `s` is the source alpha
-// (0..255); `y`, `u`, `v` its colour; `dy`, `du`, `dv`, `da` the destination
-// bytes. Where the destination is already covered, the new colour weighs its
-// share s / (d + s) of the summed alpha: an accumulating blend, deliberately
-// not "over".
-void yuvablend(uint8_t* dy, uint8_t* du, uint8_t* dv, uint8_t* da, unsigned s, unsigned y, unsigned u, unsigned v);
 
 // Draws `bmp` with its top-left pixel at (x, y) of the frame (pixels), clipped
 // to the picture (never shifted into it). `colour` is a packed YUVA word

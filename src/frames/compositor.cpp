@@ -1,19 +1,20 @@
 // The frame compositor. Per frame: bring the text up to date, look in the
-// cache, allocate a shared frame, fill the background, then walk the glyph
-// placements that fall into the picture at this frame's strip offset and
-// draw each glyph's shadow, then the glyph.
+// cache, allocate a shared frame, walk the glyph placements that fall into
+// the picture at this frame's strip offset, queueing each glyph's shadow,
+// then the glyph, and paint the background and the queued bitmaps
+// (frame_painter.h).
 #include "frames/compositor.h"
 
 #include <cstdio>
-#include <cstring>
 
 #include "fonts/font_bmp.h"
 #include "fonts/glyph_cache.h"
 #include "fonts/shadow.h"
-#include "frames/blit.h"
 #include "frames/client_context.h"
 #include "frames/frame_buffer.h"
+#include "frames/frame_painter.h"
 #include "frames/reader.h"
+#include "frames/yuva_pixel.h"
 #include "items/scroll_settings.h"
 #include "platform/clock.h"
 
@@ -56,28 +57,9 @@ void refresh_text(scrolling_text_client_context* ctx, uint64_t n)
     ctx->recompute_text_times();
 }
 
-void fill_background(const my_AVIVideoRandomReader::common_codec_setup_yuv_params& f)
+void draw_placed(scrolling_text_client_context* ctx, frame_painter& painter, const placed_glyph& pg, int32_t x0)
 {
-    const colour_rgba bg = scroll_settings.backgroundColor;
-    const uint32_t c = rgba_to_yuva(bg.r, bg.g, bg.b, bg.a);
-    std::memset(f.y, int(c & 0xFF), f.y_stride * uint64_t(f.height));
-    std::memset(f.u, int((c >> 8) & 0xFF), f.chroma_stride * uint64_t(f.chroma_height));
-    std::memset(f.v, int((c >> 16) & 0xFF), f.chroma_stride * uint64_t(f.chroma_height));
-    std::memset(f.alpha, int(c >> 24), f.alpha_stride * uint64_t(f.height));
-}
-
-void draw(const my_AVIVideoRandomReader::common_codec_setup_yuv_params& f, int32_t x, int32_t y,
-          const font_bmp_cache_storage* bmp, uint32_t colour, uint64_t h_scale)
-{
-    if (h_scale == 256)
-        blit_plain(f, x, y, bmp, colour);
-    else
-        blit_scaled(f, x, y, bmp, colour, h_scale);
-}
-
-void draw_placed(scrolling_text_client_context* ctx, const my_AVIVideoRandomReader::common_codec_setup_yuv_params& f,
-                 const placed_glyph& pg, int32_t x0)
-{
+    const auto& f = painter.frame();
     const int64_t W = f.width;
     const int64_t H = f.height;
     const uint64_t size = uint64_t(pg.pixel_size);
@@ -92,7 +74,7 @@ void draw_placed(scrolling_text_client_context* ctx, const my_AVIVideoRandomRead
                 if (sx < W) {
                     const int64_t sy = int64_t(ctx->shadow_offset_y) + pg.line_top + pg.dy + sh->y_offset;
                     if (sy < H && ctx->h_scale >= 1)
-                        draw(f, int32_t(sx), int32_t(sy), sh, colour, ctx->h_scale);
+                        painter.draw(int32_t(sx), int32_t(sy), sh, colour, ctx->h_scale);
                 }
             }
         }
@@ -106,12 +88,12 @@ void draw_placed(scrolling_text_client_context* ctx, const my_AVIVideoRandomRead
     const int64_t gx = ((int64_t(g->x_offset) * hs) >> 8) + x0;
     const int64_t gy = int64_t(pg.line_top) + pg.dy + g->y_offset;
     if (gx < W && gy < H && ctx->h_scale >= 1)
-        draw(f, int32_t(gx), int32_t(gy), g, colour, ctx->h_scale);
+        painter.draw(int32_t(gx), int32_t(gy), g, colour, ctx->h_scale);
 }
 
-void draw_text(scrolling_text_client_context* ctx, const my_AVIVideoRandomReader::common_codec_setup_yuv_params& f,
-               uint64_t n)
+void draw_text(scrolling_text_client_context* ctx, frame_painter& painter, uint64_t n)
 {
+    const auto& f = painter.frame();
     const auto& placements = ctx->glyph_placements;
     const uint64_t H = uint64_t(f.height);
     const uint64_t strip = ((ctx->scroll_step * n) >> 12) / ctx->frames_per_step;
@@ -137,7 +119,7 @@ void draw_text(scrolling_text_client_context* ctx, const my_AVIVideoRandomReader
             if (x0 > f.width + 63)
                 return;
             for (const placed_glyph& pg : it->second)
-                draw_placed(ctx, f, pg, x0);
+                draw_placed(ctx, painter, pg, x0);
         }
         if (scroll_settings.static_)
             return;
@@ -146,14 +128,6 @@ void draw_text(scrolling_text_client_context* ctx, const my_AVIVideoRandomReader
     }
 }
 } // namespace
-
-uint32_t rgba_to_yuva(uint8_t r, uint8_t g, uint8_t b, uint8_t a)
-{
-    const int y = (66 * r + 129 * g + 25 * b + 4096) >> 8;
-    const int u = (-38 * r - 74 * g + 112 * b + 32768) >> 8;
-    const int v = (112 * r - 94 * g - 18 * b + 32768) >> 8;
-    return uint32_t(y & 0xFF) | uint32_t(u & 0xFF) << 8 | uint32_t(v & 0xFF) << 16 | uint32_t(a) << 24;
-}
 
 t4mi_video_frame* load_frame(my_AVIVideoRandomReader* reader, uint64_t n, uint32_t variant,
                              scrolling_text_client_context* ctx, uint32_t)
@@ -174,9 +148,11 @@ t4mi_video_frame* load_frame(my_AVIVideoRandomReader* reader, uint64_t n, uint32
         delete frame;
         return nullptr;
     }
-    fill_background(param);
+    frame_painter painter(param);
     if (!ctx->glyph_placements.empty())
-        draw_text(ctx, param, n);
+        draw_text(ctx, painter, n);
+    const colour_rgba bg = scroll_settings.backgroundColor;
+    painter.paint(rgba_to_yuva(bg.r, bg.g, bg.b, bg.a));
 
     if (t4mi_video_frame* stored = reader->frame_manager.find_frame(n, variant)) {
         delete frame;

@@ -14,7 +14,3 @@ class t4mi_video_frame;
 // `flags` is the request's flags word; it does not affect drawing.
 t4mi_video_frame* load_frame(my_AVIVideoRandomReader* reader, uint64_t frame_number, uint32_t variant,
                              scrolling_text_client_context* ctx, uint32_t flags);
-
-// Packs R, G, B, A as a YUVA word (Y bits 0-7, U 8-15, V 16-23, A 24-31),
-// studio-range BT.601 without a rounding term.
-uint32_t rgba_to_yuva(uint8_t r, uint8_t g, uint8_t b, uint8_t a);

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/frame_retention.h"
 #include "platform/t4mi_assert.h"
 #include "platform/t4mi_globals.h"
 #include "platform/tnb.h"
@@ -14,21 +15,6 @@ namespace {
 uint64_t align_up(uint64_t n, uint64_t a) { return (a + n - 1) & ~(a - 1); }
 
 uint64_t div_ceil(uint64_t n, uint64_t d) { return (n + d - 1) / d; }
-
-// Little-endian stores at the write cursor, advancing it.
-void put(uint8_t*& w, uint64_t value, int bytes)
-{
-    for (int i = 0; i < bytes; ++i)
-        *w++ = uint8_t(value >> (8 * i));
-}
-
-uint64_t get(const uint8_t* p, int bytes)
-{
-    uint64_t v = 0;
-    for (int i = bytes - 1; i >= 0; --i)
-        v = (v << 8) | p[i];
-    return v;
-}
 
 } // namespace
 
@@ -73,6 +59,9 @@ bool my_AVIVideoRandomReader::common_alloc_yuv_planar(t4mi_video_frame* tframe, 
     tframe->height = int32_t(param.height);
     T4MI_ASSERT(tframe->tnb_alloc.length == 0);
     const long long number = tframe->frame_number;
+    // Within the frame-memory budget, the frame takes a warm slot that a
+    // frame nobody holds gives up.
+    t4mi_frame_retention_make_room(param.alloc_size);
     if (tnb_malloc(&tframe->tnb_alloc, param.alloc_size, "V%lld", number))
         return true;
 
@@ -96,6 +85,10 @@ bool my_AVIVideoRandomReader::common_map_yuv_planar(t4mi_video_frame* tframe, co
         std::fprintf(stderr, "Failed to memory-map Y plane\n");
         return false;
     }
+    // Pages that were never committed: fault them in with one call, not one
+    // fault a page as the background fill would.
+    if (a.fresh)
+        t4mi_global_access_cache_prefault(t4mi_acc_cache, a.buffer, a.offset, param.alloc_size);
 
     const uint64_t y_size = param.y_stride * uint64_t(param.height);
     const uint64_t chroma_size = param.chroma_stride * uint64_t(param.chroma_height);
@@ -112,90 +105,60 @@ bool my_AVIVideoRandomReader::common_map_yuv_planar(t4mi_video_frame* tframe, co
     const uint64_t y_offset = a.offset;
     const uint64_t u_offset = y_offset + y_size;
     const uint64_t v_offset = u_offset + chroma_size;
-    const uint64_t alpha_offset = param.alpha_flag ? v_offset + chroma_size : frame_descriptor_no_plane;
+    const uint64_t alpha_offset = param.alpha_flag ? v_offset + chroma_size : t4mi_frame_descriptor_no_plane;
     const uint64_t descriptor_offset = uint64_t(param.w - param.y);
 
+    // The descriptor, field by field in the order it lies, with the cursor
+    // checked against the fence after 32 bytes, 34 bytes and the whole.
+    namespace f = t4mi_frame_descriptor_fields;
     T4MI_ASSERT(param.fence >= param.w);
     uint8_t* const d = param.w;
-    put(param.w, frame_descriptor_magic, 4);
-    put(param.w, frame_descriptor_length, 4);
-    put(param.w, uint64_t(tframe->frame_number), 8);
-    put(param.w, uint64_t(param.width), 2);
-    put(param.w, uint64_t(param.height), 2);
+    t4mi_frame_descriptor_put(d, f::magic, t4mi_frame_descriptor_magic);
+    t4mi_frame_descriptor_put(d, f::length, t4mi_frame_descriptor_length);
+    t4mi_frame_descriptor_put(d, f::frame_number, uint64_t(tframe->frame_number));
+    t4mi_frame_descriptor_put(d, f::width, uint64_t(param.width));
+    t4mi_frame_descriptor_put(d, f::height, uint64_t(param.height));
     const bool aspect_known = tframe->aspect[0] >= 1 && tframe->aspect[1] >= 1;
-    put(param.w, aspect_known ? uint64_t(tframe->aspect[0]) : 0, 2);
-    put(param.w, aspect_known ? uint64_t(tframe->aspect[1]) : 0, 2);
-    param.w += 4;  // 24..27 reserved: left as they were
-    put(param.w, frame_descriptor_format_word, 4);
+    t4mi_frame_descriptor_put(d, f::aspect_num, aspect_known ? uint64_t(tframe->aspect[0]) : 0);
+    t4mi_frame_descriptor_put(d, f::aspect_den, aspect_known ? uint64_t(tframe->aspect[1]) : 0);
+    // 24..27 reserved: left as they were.
+    t4mi_frame_descriptor_put(d, f::format_word, t4mi_frame_descriptor_format_word);
+    param.w = d + f::format_word.end();
     T4MI_ASSERT(param.w <= param.fence);
-    put(param.w, uint64_t(a.buffer), 2);
+    t4mi_frame_descriptor_put(d, f::buffer, uint64_t(a.buffer));
+    param.w = d + f::buffer.end();
     T4MI_ASSERT(param.w <= param.fence);
 
-    // Everything from 34 on that is not set below reads as zero.
-    std::memset(d + 34, 0, frame_descriptor_length - 34);
-    put(param.w, param.y_stride, 2);
-    put(param.w, param.chroma_stride, 2);  // U
-    put(param.w, param.chroma_stride, 2);  // V
-    put(param.w, param.alpha_flag ? param.alpha_stride : 0, 2);
-    param.w += 4;                          // 42: zero
-    put(param.w, frame_descriptor_chroma_word, 4);
-    put(param.w, 1, 1);                    // 50
-    put(param.w, 2, 1);                    // 51
-    param.w += 1 + 16;                     // 52: 0; 53..68: zero
-    put(param.w, uint64_t(param.width) << 16, 8);   // 69: 16.16
-    put(param.w, uint64_t(param.height) << 16, 8);  // 77
-    param.w += 8 + 16;                     // 85, 93: zero
-    put(param.w, uint64_t(param.width) << 16, 8);   // 109
-    put(param.w, uint64_t(param.height) << 16, 8);  // 117
-    param.w += 8 + 1;                      // 125: zero; 133: 0
-    put(param.w, param.chroma_x_div - 1u, 1);  // 134 (U)
-    put(param.w, param.chroma_x_div - 1u, 1);  // 135 (V)
-    param.w += 2;                          // 136: 0
-    put(param.w, param.chroma_y_div - 1u, 1);  // 138 (U)
-    put(param.w, param.chroma_y_div - 1u, 1);  // 139 (V)
-    param.w += 1;                          // 140: 0
-    put(param.w, y_offset, 4);
-    put(param.w, u_offset, 4);
-    put(param.w, v_offset, 4);
-    put(param.w, alpha_offset, 4);
-    put(param.w, uint64_t(param.height - 1), 2);
-    put(param.w, uint64_t(param.chroma_height - 1), 2);
-    put(param.w, uint64_t(param.chroma_height - 1), 2);
-    put(param.w, param.alpha_flag ? uint64_t(param.height - 1) : 0, 2);
+    // Everything from here on that is not set below reads as zero.
+    std::memset(param.w, 0, t4mi_frame_descriptor_length - f::buffer.end());
+    t4mi_frame_descriptor_put(d, f::y_stride, param.y_stride);
+    t4mi_frame_descriptor_put(d, f::u_stride, param.chroma_stride);
+    t4mi_frame_descriptor_put(d, f::v_stride, param.chroma_stride);
+    t4mi_frame_descriptor_put(d, f::alpha_stride, param.alpha_flag ? param.alpha_stride : 0);
+    t4mi_frame_descriptor_put(d, f::chroma_word, t4mi_frame_descriptor_chroma_word);
+    t4mi_frame_descriptor_put(d, f::format_tag_a, t4mi_frame_descriptor_format_tag_a);
+    t4mi_frame_descriptor_put(d, f::format_tag_b, t4mi_frame_descriptor_format_tag_b);
+    t4mi_frame_descriptor_put(d, f::width_16_16, uint64_t(param.width) << 16);
+    t4mi_frame_descriptor_put(d, f::height_16_16, uint64_t(param.height) << 16);
+    t4mi_frame_descriptor_put(d, f::width_16_16_again, uint64_t(param.width) << 16);
+    t4mi_frame_descriptor_put(d, f::height_16_16_again, uint64_t(param.height) << 16);
+    t4mi_frame_descriptor_put(d, f::u_x_divisor_less_1, param.chroma_x_div - 1u);
+    t4mi_frame_descriptor_put(d, f::v_x_divisor_less_1, param.chroma_x_div - 1u);
+    t4mi_frame_descriptor_put(d, f::u_y_divisor_less_1, param.chroma_y_div - 1u);
+    t4mi_frame_descriptor_put(d, f::v_y_divisor_less_1, param.chroma_y_div - 1u);
+    t4mi_frame_descriptor_put(d, f::y_offset, y_offset);
+    t4mi_frame_descriptor_put(d, f::u_offset, u_offset);
+    t4mi_frame_descriptor_put(d, f::v_offset, v_offset);
+    t4mi_frame_descriptor_put(d, f::alpha_offset, alpha_offset);
+    t4mi_frame_descriptor_put(d, f::y_rows, uint64_t(param.height - 1));
+    t4mi_frame_descriptor_put(d, f::u_rows, uint64_t(param.chroma_height - 1));
+    t4mi_frame_descriptor_put(d, f::v_rows, uint64_t(param.chroma_height - 1));
+    t4mi_frame_descriptor_put(d, f::alpha_rows, param.alpha_flag ? uint64_t(param.height - 1) : 0);
+    param.w = d + t4mi_frame_descriptor_length;
     T4MI_ASSERT(param.w <= param.fence);
 
     for (t4mi_frame_descriptor_ref& ref : tframe->descriptor_refs)
-        ref = {descriptor_offset, frame_descriptor_length, tframe->frame_number};
-    return true;
-}
-
-bool parse_frame_descriptor(const uint8_t* b, size_t size, frame_descriptor_view* out)
-{
-    if (b == nullptr || size < frame_descriptor_length || get(b, 4) != frame_descriptor_magic ||
-        get(b + 4, 4) != frame_descriptor_length)
-        return false;
-    frame_descriptor_view v;
-    v.frame_number = int64_t(get(b + 8, 8));
-    v.width = uint16_t(get(b + 16, 2));
-    v.height = uint16_t(get(b + 18, 2));
-    v.aspect_num = uint16_t(get(b + 20, 2));
-    v.aspect_den = uint16_t(get(b + 22, 2));
-    v.buffer = uint16_t(get(b + 32, 2));
-    v.y_stride = uint16_t(get(b + 34, 2));
-    v.u_stride = uint16_t(get(b + 36, 2));
-    v.v_stride = uint16_t(get(b + 38, 2));
-    v.alpha_stride = uint16_t(get(b + 40, 2));
-    v.chroma_x_shift = b[134];
-    v.chroma_y_shift = b[138];
-    v.y_offset = uint32_t(get(b + 141, 4));
-    v.u_offset = uint32_t(get(b + 145, 4));
-    v.v_offset = uint32_t(get(b + 149, 4));
-    v.alpha_offset = uint32_t(get(b + 153, 4));
-    v.y_rows = uint16_t(get(b + 157, 2));
-    v.u_rows = uint16_t(get(b + 159, 2));
-    v.v_rows = uint16_t(get(b + 161, 2));
-    v.alpha_rows = uint16_t(get(b + 163, 2));
-    *out = v;
+        ref = {descriptor_offset, t4mi_frame_descriptor_length, tframe->frame_number};
     return true;
 }
 
@@ -207,16 +170,16 @@ bool map_frame_planes(const t4mi_video_frame* frame, yuva_frame_planes* out)
     const auto* base = static_cast<const uint8_t*>(
         t4mi_global_access_cache_quickfetch(t4mi_acc_cache, a.buffer, a.offset, a.length, T4MI_ACCESS_READ));
     const t4mi_frame_descriptor_ref& ref = frame->descriptor_refs[0];
-    frame_descriptor_view d;
+    t4mi_frame_descriptor_view d;
     if (base == nullptr || ref.length == 0 || ref.offset + ref.length > a.length ||
-        !parse_frame_descriptor(base + ref.offset, ref.length, &d) || d.chroma_x_shift != 0 ||
-        d.chroma_y_shift != 0)
+        !t4mi_parse_frame_descriptor(base + ref.offset, ref.length, &d) || d.chroma_x_divisor_less_1 != 0 ||
+        d.chroma_y_divisor_less_1 != 0)
         return false;
     yuva_frame_planes p;
     p.y = base + (d.y_offset - a.offset);
     p.u = base + (d.u_offset - a.offset);
     p.v = base + (d.v_offset - a.offset);
-    p.alpha = d.alpha_offset == frame_descriptor_no_plane ? nullptr : base + (d.alpha_offset - a.offset);
+    p.alpha = !d.has_alpha() ? nullptr : base + (d.alpha_offset - a.offset);
     p.width = d.width;
     p.height = d.height;
     p.y_stride = d.y_stride;

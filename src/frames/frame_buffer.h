@@ -6,7 +6,7 @@
 //   U plane      chroma stride x chroma height
 //   V plane      chroma stride x chroma height
 //   alpha plane  alpha stride x height (only with the alpha flag)
-//   descriptor   165 bytes at offset "plane bytes"
+//   descriptor   165 bytes at offset "plane bytes" (include/t4mi/frame_descriptor.h)
 //   spare        up to plane bytes + 1024
 // The compositor builds a frame with
 //   common_codec_setup_yuv -> common_alloc_yuv_planar -> common_map_yuv_planar
@@ -15,6 +15,8 @@
 
 #include <cstddef>
 #include <cstdint>
+
+#include <t4mi/frame_descriptor.h>
 
 #include "frames/reader.h"
 
@@ -55,30 +57,6 @@ struct my_AVIVideoRandomReader::common_codec_setup_yuv_params {
 inline constexpr int64_t frame_max_side = 4096;
 // Bytes reserved behind the planes for the descriptor.
 inline constexpr uint64_t frame_descriptor_reserve = 1024;
-
-// The frame descriptor: 165 bytes, little-endian, unaligned.
-inline constexpr uint32_t frame_descriptor_magic = 0x9E3D0741;
-inline constexpr uint32_t frame_descriptor_length = 165;
-// The constant fields of the frame format, written as they are.
-inline constexpr uint32_t frame_descriptor_format_word = 0x01010002;  // at 28
-inline constexpr uint32_t frame_descriptor_chroma_word = 0x80808080;  // at 46
-inline constexpr uint32_t frame_descriptor_no_plane = 0xFFFFFFFF;     // alpha offset without alpha
-
-// The descriptor's fields, as a client reads them (offsets in the buffer
-// are from the start of the shared buffer, not of the allocation).
-struct frame_descriptor_view {
-    int64_t frame_number = 0;
-    uint16_t width = 0, height = 0;
-    uint16_t aspect_num = 0, aspect_den = 0;
-    uint16_t buffer = 0;
-    uint16_t y_stride = 0, u_stride = 0, v_stride = 0, alpha_stride = 0;
-    uint32_t y_offset = 0, u_offset = 0, v_offset = 0, alpha_offset = 0;
-    uint16_t y_rows = 0, u_rows = 0, v_rows = 0, alpha_rows = 0;  // each height - 1
-    uint8_t chroma_x_shift = 0, chroma_y_shift = 0;               // divisor - 1
-};
-
-// Reads a descriptor; false when `size` < 165 or the magic or length is wrong.
-bool parse_frame_descriptor(const uint8_t* bytes, size_t size, frame_descriptor_view* out);
 
 // The planes of a built frame, reached again through t4mi_acc_cache and its
 // descriptor (for tools and tests that look at a frame after it was built).

@@ -28,8 +28,13 @@ constexpr unsigned CHILD_ALARM_S = 310;
 {
     if (fchdir(t4mi_meta->meta_name_fd) != 0)
         _exit(1);
+    // Whatever is at the name goes, a planted link included; the directory is
+    // ours alone (start-up checks it), so nobody else can put one back before
+    // the downloader creates the file.
     unlink("rss.xml.part");
     alarm(CHILD_ALARM_S);
+    // The server ignores SIGPIPE; an ignored signal would stay ignored across exec.
+    signal(SIGPIPE, SIG_DFL);
     execv(program, const_cast<char* const*>(argv));
     _exit(1);
 }

@@ -26,5 +26,7 @@ std::string rss_text_from_buffer(const char* buffer, int capacity);
 // A null `doc` (a failed parse) or a missing <rss> prints
 // "WARNING: Did not find RSS node\n" and "WARNING: Did not find channel node\n";
 // a missing <channel> the second alone; all give empty text. A document
-// without a root element prints "Empty XML document\n" and aborts.
+// without a root element prints "Empty XML document\n" and aborts; with
+// --harden (t4mi_harden) it prints "WARNING: Empty XML document\n" and
+// gives empty text.
 std::string rss_text_from_document(const xmlDoc* doc);

@@ -16,6 +16,7 @@
 #include "items/rss_feed_text.h"
 #include "items/scroll_settings.h"
 #include "platform/clock.h"
+#include "platform/fd_owner.h"
 #include "platform/t4mi_globals.h"
 #include "platform/text_helpers.h"
 
@@ -31,22 +32,6 @@ public:
     ~flock_guard() { flock(fd, LOCK_UN); }
     flock_guard(const flock_guard&) = delete;
     flock_guard& operator=(const flock_guard&) = delete;
-
-private:
-    int fd;
-};
-
-class fd_owner {
-public:
-    explicit fd_owner(int fd) : fd(fd) {}
-    ~fd_owner()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-    fd_owner(const fd_owner&) = delete;
-    fd_owner& operator=(const fd_owner&) = delete;
-    int get() const { return fd; }
 
 private:
     int fd;

@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <strings.h>
 
 #include "frames/client_context.h"
@@ -81,8 +82,29 @@ bool apply_text_entry(const char* name, const char* value, int& new_context_only
     return true;
 }
 
+// The message refusing an entry past its size limit, or "" when none is.
+std::string oversize_entry(const comm_socket_v4_packet* request)
+{
+    for (const comm_socket_v4_nv_entry& e : request->entries) {
+        const bool text = e.name == "text";
+        const size_t most = text ? MAX_TEXT_ENTRY_BYTES : MAX_SETTING_ENTRY_BYTES;
+        if (e.value.size() > most)
+            return (text ? std::string("Text too large: ") : "Value too large: " + e.name.substr(0, 64) + ", ") +
+                   std::to_string(e.value.size()) + " bytes, at most " + std::to_string(most);
+    }
+    return {};
+}
+
 void handle_text(comm_socket_v4_packet* request, comm_socket_v4_packet* respkt)
 {
+    if (const std::string refused = oversize_entry(request); !refused.empty()) {
+        respkt->reset();
+        T4MI_ASSERT(comm_socket_v4_packet_begin_writing(respkt,0,"v4::text","ERROR") == 0);
+        comm_socket_v4_packet_write_argv_end(respkt);
+        comm_socket_v4_packet_write_nv_text(respkt, "message", refused.c_str());
+        T4MI_ASSERT(comm_socket_v4_packet_write_end(respkt) == 0);
+        return;
+    }
     int changed = 0;
     int new_context_only = 0;
     const size_t n = comm_socket_v4_packet_nv_entries(request);

@@ -21,6 +21,11 @@ void arm_item_file_reload()
 
 bool item_file_changed()
 {
+    if (reload_signalled) {
+        reload_signalled = 0;
+        std::fprintf(stderr, "SIGHUP: reloading the item\n");
+        arm_item_file_reload();
+    }
     if (watch_force) {
         watch_force = 0;
         return true;

@@ -4,7 +4,8 @@
 #pragma once
 
 // True when the item must be reloaded now. Polled once per loop turn; looks
-// at the disk at most every 2 s. State lives in main/main_globals.h.
+// at the disk at most every 2 s. A SIGHUP received since the last call arms
+// the watch first, as "reload" does. State lives in main/main_globals.h.
 bool item_file_changed();
 
 // Arms the watch as the "reload" command does: the next call reports a change.

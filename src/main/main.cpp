@@ -5,6 +5,7 @@
 
 int main(int argc, char** argv)
 {
+    install_pipe_and_hangup_handlers();
     if (int status = start_up(argc, argv); status >= 0)
         return status;
     serve_loop();

@@ -1,8 +1,13 @@
-// The process frame's globals: the item-file watch and the serve loop's
-// wall-clock check. The signal counter, DIE4, is in platform/t4mi_globals.h.
+// The process frame's globals: the reload signal, the item-file watch and the
+// serve loop's wall-clock check. The signal counter, DIE4, is in
+// platform/t4mi_globals.h.
 #pragma once
 
+#include <csignal>
 #include <cstdint>
+
+// Set by SIGHUP; the item-file watch takes it as a "reload" command.
+extern volatile std::sig_atomic_t reload_signalled;
 
 // Item-file watch.
 extern uint64_t watch_next_check;   // monotonic µs of the next disk check

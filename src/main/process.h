@@ -26,6 +26,11 @@ int examine_file();
 // Counts a signal; aborts on the twentieth.
 void die_signal_handler(int sig);
 
+// Run first thing in main: SIGPIPE is ignored (a log reader that went away
+// costs the log line, not the process; writes then fail with EPIPE), and
+// SIGHUP asks for a reload of the item, as the "reload" command does.
+void install_pipe_and_hangup_handlers();
+
 // Releases frame buffers, the built-in faces, FreeType, the framework's
 // records, libxml2 and the emoji image cache, in that order.
 void tear_down();

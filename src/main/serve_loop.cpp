@@ -15,6 +15,7 @@
 #include "platform/cgroup.h"
 #include "platform/client_context.h"
 #include "platform/clock.h"
+#include "platform/frame_retention.h"
 #include "platform/serve.h"
 #include "platform/t4mi_globals.h"
 #include "platform/tnb.h"
@@ -44,6 +45,7 @@ void expire_old_frames()
         if (ctx.reader != nullptr)
             ctx.reader->expire_frames(limit);
     });
+    t4mi_frame_retention_trim();
 }
 
 // At most one change per turn: a feed change waits for the next turn.
@@ -104,7 +106,8 @@ bool serve_loop_turn(serve_loop_state& s)
     t4mi_global_access_cache_cleanup_idle(t4mi_acc_cache);
 
     int client_work = 0;
-    for (int pass = 0; pass < IDLE_PASSES; pass++) {
+    // A signal ends the passes at once: the queued requests are dropped, not served.
+    for (int pass = 0; pass < IDLE_PASSES && DIE4 == 0; pass++) {
         const int server_work = idle_t4mi_server_comm();
         if (server_work < 0)
             return false;

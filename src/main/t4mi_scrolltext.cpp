@@ -63,7 +63,9 @@ int derive_parameters()
         print_help();
         return 1;
     }
-    if (t4mi_standard_to_derived_params() != 0)
+    if (const int derived = t4mi_standard_to_derived_params(); derived == T4MI_DERIVED_REFUSED)
+        return 1; // already said why, in one line
+    else if (derived != 0)
         failure = "Failed to obtain derived params\n";
     else if (t4mi_join_tnb_domain() != 0)
         failure = "Failed to join TNB domain\n";
@@ -188,6 +190,10 @@ int start_up(int argc, char** argv)
     t4mi_client_contexts.set_context_factory(
         [](uint64_t id) -> t4mi_client_context* { return new scrolling_text_client_context(id); });
     tnb_total = std::min<uint64_t>(tnb_context_free_space(t4mi_tnb_domain(), 1) / 2, 4194304000ull);
+    if (t4mi_shared_buffer_mib >= 0)
+        tnb_total = std::min(tnb_total, uint64_t(t4mi_shared_buffer_mib) << 20);
+    const int64_t frame_cache_mib = t4mi_frame_cache_mib >= 0 ? t4mi_frame_cache_mib : t4mi_frame_cache_default_mib;
+    picture_cache_budget = uint64_t(frame_cache_mib) << 20;
     if (t4mi_daemon)
         daemonize();
     image_tnb_buffer_fd = -1;

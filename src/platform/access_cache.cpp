@@ -73,6 +73,19 @@ void* t4mi_global_access_cache_quickfetch(t4mi_global_access_cache* cache, int b
     return it->second.base + offset;
 }
 
+bool t4mi_global_access_cache_prefault(t4mi_global_access_cache* cache, int buffer, uint64_t offset,
+                                       uint64_t size)
+{
+    if (cache == nullptr || size == 0)
+        return false;
+    const auto it = cache->entries.find(buffer);
+    if (it == cache->entries.end() || offset >= it->second.size || size > it->second.size - offset)
+        return false;
+    const uint64_t page = tnb_alloc_granularity();
+    const uint64_t start = offset / page * page;
+    return madvise(it->second.base + start, tnb_reserved_size(offset + size - start), MADV_POPULATE_WRITE) == 0;
+}
+
 void t4mi_global_access_cache_cleanup_idle(t4mi_global_access_cache* cache)
 {
     if (cache == nullptr)

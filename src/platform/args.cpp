@@ -9,11 +9,13 @@
 
 #include "platform/t4mi_globals.h"
 
+#include <t4mi/version.h>
+
 namespace {
 std::vector<const char*> arguments;
 size_t next_index = 0;
 
-enum class kind { flag, text, seconds };
+enum class kind { flag, text, seconds, mebibytes, version };
 
 struct standard_switch {
     const char* name;
@@ -39,8 +41,12 @@ const standard_switch switches[] = {
     {"auto-shutdown", kind::seconds, "SECONDS", "exit after this long without a client (0: never; default 0)", &auto_shutdown_delay_initial, 0},
     {"cgroup-active", kind::text, "DIR", "control group to join while serving frames", &t4mi_cgroup_active, 0},
     {"cgroup-idle", kind::text, "DIR", "control group to join while idle", &t4mi_cgroup_idle, 0},
+    {"harden", kind::flag, nullptr, "drop fields over 511 bytes, refuse corrupt emoji images and rootless feeds (default: hang or abort)", &t4mi_harden, 1},
+    {"frame-cache", kind::mebibytes, "MIB", "memory for frames no client holds, in MiB (0: no bound; default 32)", &t4mi_frame_cache_mib, 0},
+    {"shared-buffer", kind::mebibytes, "MIB", "at most this much shared memory for frames, in MiB (default: half the free, up to 4000)", &t4mi_shared_buffer_mib, 0},
     // Listed by the program's own help line, not by t4mi_std_help.
     {"oneshot", kind::flag, nullptr, nullptr, &t4mi_oneshot, 1},
+    {"version", kind::version, nullptr, "print the version and exit", nullptr, 0},
 };
 
 bool set_value(const standard_switch& sw, const char* value)
@@ -62,9 +68,28 @@ bool set_value(const standard_switch& sw, const char* value)
         *static_cast<uint64_t*>(sw.target) = uint64_t(seconds * 1e6);
         return true;
     }
+    case kind::mebibytes: {
+        // Whole MiB, up to the 4 GiB a shared buffer can hold.
+        if (value == nullptr || value[0] < '0' || value[0] > '9')
+            return false;
+        char* end = nullptr;
+        errno = 0;
+        const unsigned long long mib = std::strtoull(value, &end, 10);
+        if (errno != 0 || *end != '\0' || mib > 4096)
+            return false;
+        *static_cast<int64_t*>(sw.target) = int64_t(mib);
+        return true;
+    }
     case kind::flag:
         *static_cast<int*>(sw.target) = sw.flag_value;
         return value == nullptr;
+    case kind::version:
+        // Answered at once, before anything else on the command line is
+        // looked at, so it works without --file.
+        if (value != nullptr)
+            return false;
+        t4mi_print_version("t4mi_scrolltext");
+        std::exit(0);
     }
     return false;
 }
@@ -127,6 +152,12 @@ void t4mi_std_help()
     std::fprintf(stderr, "Environment: T4MI_ROOT=DIR reads the installation's fixed paths below DIR.\n");
 }
 
+void t4mi_print_version(const char* program)
+{
+    std::printf("%s %s\n", program, T4MI_VERSION);
+    std::fflush(stdout);
+}
+
 void t4mi_reset_standard_switches()
 {
     t4mi_file.clear();
@@ -136,7 +167,9 @@ void t4mi_reset_standard_switches()
     t4mi_cgroup_active.clear();
     t4mi_cgroup_idle.clear();
     t4mi_identify_only = t4mi_daemon = t4mi_stderr_to_log = t4mi_temp_clean_only = 0;
-    t4mi_force_update_metadata = t4mi_oneshot = 0;
+    t4mi_force_update_metadata = t4mi_oneshot = t4mi_harden = 0;
     t4mi_metadata_may_update = 1;
     auto_shutdown_delay_initial = 0;
+    t4mi_frame_cache_mib = -1;
+    t4mi_shared_buffer_mib = -1;
 }

@@ -29,5 +29,10 @@ int t4mi_argv_std_handle_switch(const char* name);
 // Prints the standard switch list on standard error.
 void t4mi_std_help();
 
+// Prints "<program> <version>" and a line feed on standard output: what
+// --version shows, for the program (a standard switch, which exits 0 at
+// once) and for every tool.
+void t4mi_print_version(const char* program);
+
 // Forgets everything the command line set (for tests that parse twice).
 void t4mi_reset_standard_switches();

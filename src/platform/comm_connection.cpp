@@ -6,12 +6,15 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vector>
 
 #include "platform/clock.h"
 #include "platform/comm_server_p.h"
 #include "platform/serve.h"
+#include "platform/t4mi_globals.h"
 
 t4mi_connection::~t4mi_connection()
 {
@@ -29,10 +32,17 @@ void connection_drop(t4mi_connection* c, const char* reason)
     c->closed = true;
     if (reason != nullptr)
         std::fprintf(stderr, "Control client %llu dropped: %s\n", static_cast<unsigned long long>(c->serial), reason);
-    // Stop talking at once; the descriptor itself goes when the connection is freed.
-    shutdown(c->fd, SHUT_RDWR);
-    c->input.clear();
-    c->input.shrink_to_fit();
+    // Its descriptors and buffers go at once, so that a client dropped to make
+    // room makes it now; the rest goes when the connection is freed.
+    close(c->fd);
+    c->fd = -1;
+    for (auto& o : c->output)
+        if (o.fd >= 0)
+            close(o.fd);
+    c->output.clear();
+    c->output_bytes = 0;
+    std::vector<uint8_t>().swap(c->input);
+    c->unfinished_since_us = 0;
 }
 
 void connection_queue(t4mi_connection* c, const comm_socket_v4_packet& p, uint16_t flags, uint32_t request_id,
@@ -130,6 +140,9 @@ bool decode_input(t4mi_connection* c, size_t* decoded)
         }
         pp.raw.assign(c->input.begin() + long(at), c->input.begin() + long(at + used));
         at += used;
+        c->pending_bytes += 2 * used;
+        c->last_packet_us = monotonic_clock_us();
+        c->spoke = true;
         if (pp.packet.command == "frame" && parse_frame_request(pp.packet, pp.header.request_id, &pp.frame)) {
             pp.is_frame = true;
             ++c->pending_frames;
@@ -139,6 +152,35 @@ bool decode_input(t4mi_connection* c, size_t* decoded)
     }
     c->input.erase(c->input.begin(), c->input.begin() + long(at));
     return ok;
+}
+
+// Keeps the time the packet now in `input` began to arrive (from its first
+// byte, or from the end of the packet before it), and gives back what a big
+// packet left of the buffer once little of it is in use.
+void after_decode(t4mi_connection* c, size_t decoded)
+{
+    if (c->input.empty())
+        c->unfinished_since_us = 0;
+    else if (c->unfinished_since_us == 0 || decoded > 0)
+        c->unfinished_since_us = monotonic_clock_us();
+    if (c->input.capacity() > (256u << 10) && c->input.size() < c->input.capacity() / 4)
+        c->input.shrink_to_fit();
+}
+
+// How much the input buffer must grow to take `want` more bytes: by half
+// again at least, so that copies stay few and the allocation close to what
+// is filled, and never past `limit` (the packet's length, when known), so
+// that what a client announces costs nothing until it sends it.
+size_t input_growth(const t4mi_connection* c, size_t want, size_t limit)
+{
+    const size_t needed = c->input.size() + want;
+    const size_t cap = c->input.capacity();
+    if (needed <= cap)
+        return 0;
+    size_t target = std::max(needed, cap + cap / 2);
+    if (limit >= needed)
+        target = std::min(target, limit);
+    return target - cap;
 }
 
 } // namespace
@@ -157,10 +199,27 @@ size_t connection_read(t4mi_connection* c)
         // much is still missing, and nothing beyond the largest packet is
         // ever kept.
         size_t want = std::min<size_t>(budget, 64u << 10);
+        size_t limit = 0;  // the packet's length once its header is in: the buffer never grows past it
         comm_socket_v4_header h;
         if (comm_socket_v4_peek_header(c->input.data(), c->input.size(), &h) == comm_socket_v4_decode_result::ok &&
-            h.length > c->input.size())
+            h.length > c->input.size()) {
             want = std::min<size_t>(budget, std::max<size_t>(want, h.length - c->input.size()));
+            limit = h.length;
+        }
+        // Input memory is capped over all connections. Near the cap, only
+        // what has arrived is asked for (at least a byte, so that a hang-up
+        // is still seen); past it, the connection that buffers the most goes.
+        size_t grow = input_growth(c, want, limit);
+        if (grow > 0 && !server_input_room(t4mi_comm_server, c, grow, false)) {
+            int arrived = 0;
+            if (ioctl(c->fd, FIONREAD, &arrived) == 0)
+                want = std::clamp<size_t>(size_t(std::max(arrived, 0)), 1, want);
+            grow = input_growth(c, want, limit);
+            if (grow > 0 && !server_input_room(t4mi_comm_server, c, grow, true))
+                break;  // dropped, or the memory is all in packets still being handled: later
+        }
+        if (grow > 0)
+            c->input.reserve(c->input.capacity() + grow);
         const size_t old = c->input.size();
         c->input.resize(old + want);
         const ssize_t n = recv(c->fd, c->input.data() + old, want, MSG_DONTWAIT);
@@ -180,5 +239,17 @@ size_t connection_read(t4mi_connection* c)
             break;
         }
     }
+    if (!c->closed)
+        after_decode(c, decoded);
     return decoded;
 }
+
+t4mi_pending_packet connection_take_pending(t4mi_connection* c)
+{
+    t4mi_pending_packet pp = std::move(c->pending.front());
+    c->pending.pop_front();
+    c->pending_bytes -= std::min(c->pending_bytes, 2 * pp.raw.size());
+    return pp;
+}
+
+size_t connection_buffered_bytes(const t4mi_connection* c) { return c->input.capacity() + c->pending_bytes; }

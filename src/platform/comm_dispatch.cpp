@@ -103,6 +103,15 @@ void handle_release(t4mi_connection* c, t4mi_client_context* ctx, const t4mi_pen
 
 void handle_data(t4mi_connection* c, t4mi_client_context* ctx, const t4mi_pending_packet& pp)
 {
+    // Parsing runs on the one thread every client shares: bounded, so that
+    // it never holds up another client's frame for long.
+    const size_t size = pp.packet.data_length();
+    const size_t most = comm_socket_v4_server_limits.max_data_bytes;
+    if (size > most) {
+        reply_error(c, pp.packet.command, pp.header.request_id,
+                    "Data too large: " + std::to_string(size) + " bytes, at most " + std::to_string(most));
+        return;
+    }
     const bool unchanged = ctx->apply_data_packet(&pp.packet);
     comm_socket_v4_packet r = reply(pp.packet.command, "OK");
     add_entry(r, "changed", unchanged ? "0" : "1");
@@ -215,8 +224,7 @@ size_t connection_dispatch_control(t4mi_connection* c)
 {
     size_t handled = 0;
     while (!c->closed && !c->in_flight && !c->pending.empty() && !c->pending.front().is_frame) {
-        t4mi_pending_packet pp = std::move(c->pending.front());
-        c->pending.pop_front();
+        t4mi_pending_packet pp = connection_take_pending(c);
         dispatch_one(c, pp);
         ++handled;
     }

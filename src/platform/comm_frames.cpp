@@ -64,8 +64,7 @@ void reply_frame(t4mi_connection* c, const t4mi_pending_packet& pp, const t4mi_f
 
 void connection_run_frame_request(t4mi_connection* c)
 {
-    t4mi_pending_packet pp = std::move(c->pending.front());
-    c->pending.pop_front();
+    t4mi_pending_packet pp = connection_take_pending(c);
     const uint32_t id = pp.header.request_id;
     const std::string& cmd = pp.packet.command;
 

@@ -49,6 +49,10 @@ struct t4mi_connection {
     std::vector<uint8_t> input;         // bytes received, not decoded yet
     std::deque<t4mi_pending_packet> pending;
     size_t pending_frames = 0;          // frame requests in `pending`
+    size_t pending_bytes = 0;           // memory `pending` holds: each packet's size twice (raw and decoded)
+    uint64_t last_packet_us = 0;        // monotonic µs: accepted, or the last whole packet received
+    bool spoke = false;                 // a whole packet was received
+    uint64_t unfinished_since_us = 0;   // monotonic µs the packet now in `input` began; 0: none
     bool in_flight = false;             // a frame request of this connection is running
     std::deque<t4mi_outgoing> output;
     size_t output_bytes = 0;            // unsent bytes in `output`
@@ -66,6 +70,9 @@ struct comm_socket_v4_server {
     ino_t socket_ino = 0;
     std::map<uint64_t, std::unique_ptr<t4mi_connection>> connections;  // by serial
     uint64_t next_serial = 1;
+    uint64_t accept_paused_until_us = 0;  // out of descriptors: the listening socket rests until then (monotonic µs)
+    uint64_t descriptor_limit = 0;        // RLIMIT_NOFILE as last read (UINT64_MAX: none)
+    uint64_t descriptor_limit_read_us = 0;
 };
 
 // Frame requests running now (nested calls see > 0).
@@ -84,6 +91,11 @@ size_t connection_flush(t4mi_connection* c);
 // Reads within the budget and decodes whole packets into `pending`. Returns
 // the packets decoded.
 size_t connection_read(t4mi_connection* c);
+// Takes the packet at the head of `pending` out of the queue.
+t4mi_pending_packet connection_take_pending(t4mi_connection* c);
+// Input memory the connection holds: its input buffer (allocated, not only
+// filled), and its pending packets.
+size_t connection_buffered_bytes(const t4mi_connection* c);
 
 // --- comm_dispatch.cpp ----------------------------------------------------------
 // Handles the packets at the head of `pending` up to the next frame request.
@@ -108,5 +120,16 @@ void connection_run_frame_request(t4mi_connection* c);
 // Frees closed connections and their contexts (only when nothing runs).
 void server_reap_closed(comm_socket_v4_server* s);
 // Accepts what waits, up to a handful. Returns how many, or -1 when the
-// listening socket failed.
+// listening socket failed. Makes room at the connection limit, and when
+// descriptors run short, by evicting the connection idle the longest that
+// holds no frames; short of descriptors with nobody idle, new clients wait
+// in the backlog and the listening socket rests a moment.
 int server_accept(comm_socket_v4_server* s);
+// True when `extra` more bytes of input memory for `reader` keep the input
+// memory of all connections within max_input_bytes. Otherwise, with
+// `make_room`, drops the connection that buffers the most until they do
+// (perhaps `reader` itself: then false).
+bool server_input_room(comm_socket_v4_server* s, t4mi_connection* reader, size_t extra, bool make_room);
+// Drops the connections whose packet stayed unfinished longer than
+// unfinished_packet_us.
+void server_expire_unfinished(comm_socket_v4_server* s, uint64_t now_us);

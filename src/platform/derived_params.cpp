@@ -13,6 +13,8 @@
 #include <unistd.h>
 
 #include "platform/comm_server.h"
+#include "platform/fd_owner.h"
+#include "platform/safe_files.h"
 #include "platform/t4mi_globals.h"
 
 namespace {
@@ -71,24 +73,36 @@ int t4mi_standard_to_derived_params()
     meta->file_name = full.substr(slash + 1);
     if (meta->file_name.empty())
         return 1;
-    meta->file_fd = open(full.c_str(), O_RDONLY | O_CLOEXEC);
-    meta->dir_fd = open(meta->dir_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const char* refused = nullptr;
+    fd_owner file_fd(t4mi_open_item(full, &refused));
+    if (refused != nullptr) {
+        std::fprintf(stderr, "Refusing item file '%s': it is %s\n", full.c_str(), refused);
+        return T4MI_DERIVED_REFUSED;
+    }
+    fd_owner dir_fd(open(meta->dir_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (t4mi_file_metadir.empty())
         t4mi_file_metadir = meta->dir_path + (meta->dir_path == "/" ? "." : "/.") + meta->file_name + ".t4mi";
     t4mi_file_metadir = absolute_path(t4mi_file_metadir);
-    if (meta->file_fd < 0 || meta->dir_fd < 0 || make_directories(t4mi_file_metadir) != 0) {
-        if (meta->file_fd >= 0)
-            close(meta->file_fd);
-        if (meta->dir_fd >= 0)
-            close(meta->dir_fd);
+    if (file_fd.get() < 0 || dir_fd.get() < 0)
         return 1;
-    }
-    meta->meta_name_fd = open(t4mi_file_metadir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (meta->meta_name_fd < 0) {
-        close(meta->file_fd);
-        close(meta->dir_fd);
+    // Everything we write goes into this directory: it must be ours alone, and
+    // reached without a link another user could have planted in its place.
+    struct stat st {};
+    const bool linked = lstat(t4mi_file_metadir.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
+    if (!linked && make_directories(t4mi_file_metadir) != 0)
         return 1;
+    fd_owner meta_fd(linked ? -1 : open(t4mi_file_metadir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!linked && meta_fd.get() < 0)
+        return 1;
+    const std::string distrust = linked ? "a symbolic link" : t4mi_directory_distrust(meta_fd.get());
+    if (!distrust.empty()) {
+        std::fprintf(stderr, "Refusing metadata directory '%s': it is %s\n", t4mi_file_metadir.c_str(),
+                     distrust.c_str());
+        return T4MI_DERIVED_REFUSED;
     }
+    meta->file_fd = file_fd.release();
+    meta->dir_fd = dir_fd.release();
+    meta->meta_name_fd = meta_fd.release();
     if (t4mi_sock.empty())
         t4mi_sock = t4mi_file_metadir + "/control.sock";
     if (t4mi_sock.size() >= sizeof(sockaddr_un{}.sun_path))
@@ -123,9 +137,17 @@ int t4mi_redirect_stderr_to_logfile()
     if (t4mi_file_metadir.empty())
         return 1;
     const std::string path = t4mi_file_metadir + "/t4mi.log";
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    // Appended to, so not replaced by rename; still never through a link, and
+    // never a FIFO that would block the open.
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
     if (fd < 0)
         return 1;
+    struct stat st {};
+    const int flags = fcntl(fd, F_GETFL);
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+        close(fd);
+        return 1;
+    }
     const int r = dup2(fd, STDERR_FILENO);
     close(fd);
     return r < 0 ? 1 : 0;
@@ -151,6 +173,7 @@ void fd_debug_dump_open_files(FILE* out)
 
 void t4mi_free_all()
 {
+    t4mi_status_remove();
     // Closing the server frees its connections and their client contexts
     // and removes the socket file.
     comm_socket_v4_server_close(t4mi_comm_server);

@@ -9,6 +9,7 @@
 #include <sys/random.h>
 #include <unistd.h>
 
+#include "platform/safe_files.h"
 #include "platform/t4mi_globals.h"
 
 int metadata_v4_metadata_context_read(metadata_v4_metadata_context* md)
@@ -47,17 +48,8 @@ int metadata_v4_metadata_context_write_metadata_to_file(metadata_v4_metadata_con
     if (meta != nullptr && !meta->file_path.empty())
         j["file"] = meta->file_path;
     const std::string text = j.dump(2) + "\n";
-    const std::string tmp = md->path + ".tmp";
-    const int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return 1;
-    const bool written = write(fd, text.data(), text.size()) == ssize_t(text.size()) && fsync(fd) == 0;
-    close(fd);
-    if (!written || rename(tmp.c_str(), md->path.c_str()) != 0) {
-        unlink(tmp.c_str());
-        return 1;
-    }
-    return 0;
+    // A fresh exclusive temporary name, then rename: never written through a link.
+    return t4mi_replace_file(md->path, text, 0644, true) == 0 ? 0 : 1;
 }
 
 void metadata_v4_metadata_close_file(metadata_v4_metadata_context*) {}

@@ -18,7 +18,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/packet.h"
+#include "platform/packet.h"  // the packet, its header and the header flags
 
 inline constexpr char comm_socket_v4_magic[4] = {'T', '4', 'M', 'P'};
 inline constexpr uint16_t comm_socket_v4_version = 1;
@@ -27,18 +27,6 @@ inline constexpr size_t comm_socket_v4_header_size = 16;
 inline constexpr size_t comm_socket_v4_min_packet = comm_socket_v4_header_size + 2 + 2 + 2 + 2 + 4;
 // The largest packet either side sends or accepts, header included.
 inline constexpr size_t comm_socket_v4_max_packet = 8u << 20;
-
-// Header flags.
-inline constexpr uint16_t COMM_SOCKET_V4_FLAG_REPLY = 0x0001;     // an answer to the request with this id
-inline constexpr uint16_t COMM_SOCKET_V4_FLAG_PUSH = 0x0002;      // sent unasked (status updates); id 0
-inline constexpr uint16_t COMM_SOCKET_V4_FLAG_FD = 0x0004;        // one descriptor travels with the packet
-
-struct comm_socket_v4_header {
-    uint32_t length = 0;       // bytes of the whole packet, header included
-    uint16_t version = 0;
-    uint16_t flags = 0;
-    uint32_t request_id = 0;
-};
 
 enum class comm_socket_v4_decode_result {
     ok,          // one packet decoded

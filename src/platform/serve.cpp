@@ -75,9 +75,12 @@ int comm_socket_v4_server_from_client_readable(comm_socket_v4_server* s, uint64_
         return 1;
     std::vector<pollfd> fds;
     fds.reserve(s->connections.size() + 1);
-    if (s->listen_fd >= 0)
+    const uint64_t now = monotonic_clock_us();
+    if (s->listen_fd >= 0 && now >= s->accept_paused_until_us)
         fds.push_back({s->listen_fd, POLLIN, 0});
     for (const auto& [serial, c] : s->connections) {
+        if (c->closed)
+            continue;
         short events = 0;
         if (c->pending.size() < comm_socket_v4_server_limits.max_pending_packets)
             events |= POLLIN;
@@ -85,7 +88,6 @@ int comm_socket_v4_server_from_client_readable(comm_socket_v4_server* s, uint64_
             events |= POLLOUT;
         fds.push_back({c->fd, events, 0});
     }
-    const uint64_t now = monotonic_clock_us();
     const uint64_t left = deadline_us > now ? deadline_us - now : 0;
     const timespec ts{time_t(left / 1000000), long(left % 1000000) * 1000};
     const int n = ppoll(fds.data(), fds.size(), &ts, nullptr);
@@ -125,6 +127,8 @@ int idle_t4mi_client_contexts()
         return 0;
     int ran = 0;
     for (uint64_t serial : connection_serials(s)) {
+        if (DIE4 != 0)
+            break;  // shutting down: nobody waits for the queued frames any more
         t4mi_connection* c = find_connection(s, serial);
         if (c == nullptr || c->closed || c->in_flight)
             continue;
@@ -151,6 +155,7 @@ void t4mi_idle_housekeeping()
         return;
     if (!s->connections.empty())
         t4mi_note_client_activity(now);
+    server_expire_unfinished(s, now);
     server_reap_closed(s);
 }
 

@@ -22,7 +22,8 @@
 //     A null server sleeps until the deadline and returns 0.
 //
 //   idle_t4mi_server_comm()
-//     Accepts new clients (a client context each), writes queued replies,
+//     Accepts new clients (a client context each; see comm_server.h for
+//     the connection and descriptor limits), writes queued replies,
 //     reads and decodes packets, and handles every packet that is not a
 //     frame request ("settings", "release", "data", "status", "exit", and
 //     the rest through on_t4mi_custom_packet), in each connection's order.
@@ -35,12 +36,14 @@
 //     Runs at most one pending frame request per connection, in connection
 //     order, and answers it. Returns how many it ran; never negative today
 //     (a negative result would mean the serving side failed). Nested in a
-//     frame request it does nothing and returns 0.
+//     frame request it does nothing and returns 0. Once a stop signal came
+//     (DIE4) it runs no further request.
 //
 //   t4mi_idle_housekeeping()
 //     Releases frame holds older than picture_auto_deref_delay, moves the
-//     auto-shutdown deadline while clients are connected, and frees closed
-//     connections with their client contexts.
+//     auto-shutdown deadline while clients are connected, drops connections
+//     whose packet stayed unfinished too long, and frees closed connections
+//     with their client contexts.
 //
 // Auto-shutdown: when both mono_auto_shutdown and auto_shutdown_delay_initial
 // are non-zero, every accepted connection, every packet received and every

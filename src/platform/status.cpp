@@ -1,5 +1,7 @@
 #include <cstdio>
-#include <fcntl.h>
+#include <cstdlib>
+#include <cstring>
+#include <sys/stat.h>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <unistd.h>
@@ -7,6 +9,7 @@
 #include "platform/client_context.h"
 #include "platform/clock.h"
 #include "platform/derived_params.h"
+#include "platform/safe_files.h"
 #include "platform/t4mi_globals.h"
 #include "platform/text_helpers.h"
 
@@ -18,8 +21,20 @@ struct status_state {
     std::string ready_text;
 } status;
 
+// The status file this process last put in place, so that the exit removes
+// that one only: never the file of another process serving the same item.
+struct status_file_owner {
+    std::string path;
+    pid_t writer = 0;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    bool write_failing = false; // reported once per run of failures
+} status_file;
+
 std::string item_json;
 nlohmann::json meta_view = nlohmann::json::object();
+
+void remove_status_at_exit() { t4mi_status_remove(); }
 
 void write_status_file()
 {
@@ -30,18 +45,36 @@ void write_status_file()
         {"ready", status.ready},      {"ready_text", status.ready_text},
         {"socket", t4mi_sock},
     };
-    const std::string text = j.dump() + "\n";
     const std::string path = t4mi_file_metadir + "/status.json";
-    const std::string tmp = path + ".tmp";
-    const int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
+    struct stat written {};
+    if (const int failure = t4mi_replace_file(path, j.dump() + "\n", 0644, false, &written); failure != 0) {
+        // The playout side would wait for a readiness it never sees: say why.
+        if (!status_file.write_failing)
+            std::fprintf(stderr, "WARNING: Cannot write status file '%s': %s\n", path.c_str(),
+                         std::strerror(failure));
+        status_file.write_failing = true;
         return;
-    const bool ok = write(fd, text.data(), text.size()) == ssize_t(text.size());
-    close(fd);
-    if (!ok || rename(tmp.c_str(), path.c_str()) != 0)
-        unlink(tmp.c_str());
+    }
+    status_file.write_failing = false;
+    static bool exit_hook = false;
+    if (!exit_hook)
+        exit_hook = std::atexit(remove_status_at_exit) == 0;
+    status_file.path = path;
+    status_file.writer = getpid();
+    status_file.dev = written.st_dev;
+    status_file.ino = written.st_ino;
 }
 } // namespace
+
+void t4mi_status_remove()
+{
+    if (status_file.writer != getpid())
+        return;
+    struct stat st {};
+    if (lstat(status_file.path.c_str(), &st) == 0 && st.st_dev == status_file.dev && st.st_ino == status_file.ino)
+        unlink(status_file.path.c_str());
+    status_file.writer = 0;
+}
 
 void t4mi_status_write(int percent, const char* text)
 {

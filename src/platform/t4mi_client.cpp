@@ -1,4 +1,4 @@
-#include "platform/t4mi_client.h"
+#include <t4mi/client.h>
 
 #include <cerrno>
 #include <chrono>
@@ -14,6 +14,8 @@
 #include <thread>
 #include <unistd.h>
 
+#include "platform/packet_codec.h"
+
 namespace {
 
 int64_t now_ms()
@@ -21,10 +23,6 @@ int64_t now_ms()
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
         .count();
 }
-
-uint16_t le16(const uint8_t* p) { return uint16_t(p[0] | p[1] << 8); }
-uint32_t le32(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
-uint64_t le64(const uint8_t* p) { return uint64_t(le32(p)) | uint64_t(le32(p + 4)) << 32; }
 
 bool to_u64(const std::string& s, uint64_t* out)
 {
@@ -38,11 +36,6 @@ bool to_u64(const std::string& s, uint64_t* out)
     *out = v;
     return true;
 }
-
-// The frame descriptor's fields a client needs (little-endian, unaligned).
-constexpr uint32_t descriptor_magic = 0x9E3D0741;
-constexpr uint32_t descriptor_length = 165;
-constexpr uint32_t no_plane = 0xFFFFFFFF;
 
 } // namespace
 
@@ -224,8 +217,6 @@ bool t4mi_client::read_some(int64_t deadline_ms)
 {
     if (fd < 0)
         return fail("not connected");
-    if (!wait_io(POLLIN, deadline_ms))
-        return fail("timed out waiting for the server");
     uint8_t buf[64 * 1024];
     iovec iov{buf, sizeof buf};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 8)];
@@ -234,8 +225,16 @@ bool t4mi_client::read_some(int64_t deadline_ms)
     msg.msg_iovlen = 1;
     msg.msg_control = control;
     msg.msg_controllen = sizeof control;
-    const ssize_t n = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
-    if (n < 0 && (errno == EAGAIN || errno == EINTR))
+    // Read first and wait only when nothing is there: a reply that has
+    // already arrived then costs one system call, not two.
+    ssize_t n = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        if (!wait_io(POLLIN, deadline_ms))
+            return fail("timed out waiting for the server");
+        msg.msg_controllen = sizeof control;
+        n = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+    }
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
         return true;
     if (n <= 0) {
         const std::string reason = n == 0 ? "the server closed the connection" : std::strerror(errno);
@@ -376,38 +375,40 @@ bool t4mi_client::locate_frame(const t4mi_client_reply& r, t4mi_client_frame* f)
         return fail("frame in a buffer that was never passed");
     const size_t size = m->second.size;
     if (f->offset > size || f->length > size - f->offset || f->descriptor_offset > f->length ||
-        f->length - f->descriptor_offset < descriptor_length)
+        f->length - f->descriptor_offset < t4mi_frame_descriptor_length)
         return fail("frame location outside its buffer");
     const uint8_t* base = m->second.base;
     const uint8_t* d = base + f->offset + f->descriptor_offset;
-    if (le32(d) != descriptor_magic || le32(d + 4) != descriptor_length)
+    t4mi_frame_descriptor_view view;
+    if (!t4mi_parse_frame_descriptor(d, t4mi_frame_descriptor_length, &view))
         return fail("bad frame descriptor");
     f->descriptor = d;
-    f->width = le16(d + 16);
-    f->height = le16(d + 18);
-    f->y_stride = le16(d + 34);
-    f->u_stride = le16(d + 36);
-    f->v_stride = le16(d + 38);
-    f->alpha_stride = le16(d + 40);
-    const uint32_t x_div = uint32_t(d[134]) + 1, y_div = uint32_t(d[138]) + 1;
+    f->width = view.width;
+    f->height = view.height;
+    f->y_stride = view.y_stride;
+    f->u_stride = view.u_stride;
+    f->v_stride = view.v_stride;
+    f->alpha_stride = view.alpha_stride;
+    const uint32_t x_div = uint32_t(view.chroma_x_divisor_less_1) + 1;
+    const uint32_t y_div = uint32_t(view.chroma_y_divisor_less_1) + 1;
     f->chroma_width = (f->width + x_div - 1) / x_div;
     f->chroma_height = (f->height + y_div - 1) / y_div;
     // Every plane must lie inside the buffer with its rows.
     auto plane = [&](uint32_t offset, uint32_t stride, uint32_t width, uint32_t rows, const uint8_t** out) {
-        if (offset == no_plane)
+        if (offset == t4mi_frame_descriptor_no_plane)
             return false;
         if (stride < width || uint64_t(offset) + uint64_t(stride) * rows > size)
             return false;
         *out = base + offset;
         return true;
     };
-    if (f->width == 0 || f->height == 0 || le64(d + 8) != rendered ||
-        !plane(le32(d + 141), f->y_stride, f->width, f->height, &f->y) ||
-        !plane(le32(d + 145), f->u_stride, f->chroma_width, f->chroma_height, &f->u) ||
-        !plane(le32(d + 149), f->v_stride, f->chroma_width, f->chroma_height, &f->v))
+    if (f->width == 0 || f->height == 0 || uint64_t(view.frame_number) != rendered ||
+        !plane(view.y_offset, f->y_stride, f->width, f->height, &f->y) ||
+        !plane(view.u_offset, f->u_stride, f->chroma_width, f->chroma_height, &f->u) ||
+        !plane(view.v_offset, f->v_stride, f->chroma_width, f->chroma_height, &f->v))
         return fail("frame descriptor outside its buffer");
     f->alpha = nullptr;
-    if (le32(d + 153) != no_plane && !plane(le32(d + 153), f->alpha_stride, f->width, f->height, &f->alpha))
+    if (view.has_alpha() && !plane(view.alpha_offset, f->alpha_stride, f->width, f->height, &f->alpha))
         return fail("frame descriptor outside its buffer");
     return true;
 }
@@ -428,14 +429,19 @@ bool t4mi_client::receive_frame(uint32_t request_id, t4mi_client_frame* frame)
 
 bool t4mi_client::release_frame(uint64_t n, uint32_t variant)
 {
+    return receive_release(send_release(n, variant));
+}
+
+uint32_t t4mi_client::send_release(uint64_t n, uint32_t variant)
+{
     comm_socket_v4_packet p;
     p.command = "release";
     p.entries.push_back({"frame", std::to_string(n)});
     if (variant != 0)
         p.entries.push_back({"variant", std::to_string(variant)});
-    t4mi_client_reply r;
-    if (!call(p, &r))
-        return false;
+    const uint32_t id = send(p);
+    if (id == 0)
+        return 0;
     if (auto it = held_frames.find({n, variant}); it != held_frames.end() && !it->second.empty()) {
         if (auto m = buffers.find(it->second.back()); m != buffers.end() && m->second.held > 0)
             m->second.held--;
@@ -443,6 +449,14 @@ bool t4mi_client::release_frame(uint64_t n, uint32_t variant)
         if (it->second.empty())
             held_frames.erase(it);
     }
+    return id;
+}
+
+bool t4mi_client::receive_release(uint32_t request_id)
+{
+    t4mi_client_reply r;
+    if (request_id == 0 || !wait_reply(request_id, &r))
+        return false;
     return r.ok() || fail("release refused: " + r.entry("message"));
 }
 

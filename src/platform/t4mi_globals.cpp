@@ -14,9 +14,12 @@ int t4mi_metadata_may_update = 1;
 int t4mi_identify_only = 0;
 int t4mi_daemon = 0;
 int t4mi_oneshot = 0;
+int t4mi_harden = 0;
 std::string t4mi_cgroup_active;
 std::string t4mi_cgroup_idle;
 uint64_t auto_shutdown_delay_initial = 0;
+int64_t t4mi_frame_cache_mib = -1;
+int64_t t4mi_shared_buffer_mib = -1;
 
 t4mi_meta_record* t4mi_meta = nullptr;
 metadata_v4_metadata_context* t4mi_metadata = nullptr;
@@ -34,11 +37,12 @@ uint64_t mono_auto_shutdown = 0;
 int json_next_xmit_rebuild = 0;
 uint64_t json_next_xmit = 0;
 // Short on purpose: a released frame stays cached for the sum of the two, and
-// while it does its pages cannot take a new frame, so every new frame of a
-// fast client lands on fresh pages that the kernel must fault in and clear
-// (docs/platform.md, "Frame retention").
+// while it does its pages cannot take a new frame; without a frame-memory
+// budget every new frame of a fast client then lands on fresh pages that the
+// kernel must fault in and clear (docs/platform.md, "Frame retention").
 uint64_t picture_flush_deref_delay = 500000;
 uint64_t picture_auto_deref_delay = 2000000;
+uint64_t picture_cache_budget = 0;
 uint64_t tnb_total = 0;
 int image_tnb_buffer_fd = -1;
 int image_tnb_buffer = -1;

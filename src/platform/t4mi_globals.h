@@ -28,9 +28,16 @@ extern int t4mi_metadata_may_update;     // cleared by --no-metadata-write
 extern int t4mi_identify_only;           // --identify
 extern int t4mi_daemon;                  // --daemon
 extern int t4mi_oneshot;                 // --oneshot
+extern int t4mi_harden;                  // --harden: survive the three kept hazards (docs/platform.md)
 extern std::string t4mi_cgroup_active;   // --cgroup-active: cgroup directory while serving
 extern std::string t4mi_cgroup_idle;     // --cgroup-idle: cgroup directory while idle
 extern uint64_t auto_shutdown_delay_initial; // --auto-shutdown, in µs; 0: never
+extern int64_t t4mi_frame_cache_mib;     // --frame-cache, in MiB; -1: not given (the default below)
+extern int64_t t4mi_shared_buffer_mib;   // --shared-buffer, in MiB: caps tnb_total; -1: not given
+// Start-up's frame-memory budget when --frame-cache is not given: with what a
+// client holds, a 1080-line item at 59.94 frames/s stays under 128 MiB
+// (docs/frame-buffers.md).
+inline constexpr int64_t t4mi_frame_cache_default_mib = 32;
 
 // --- derived at start-up -----------------------------------------------------
 extern t4mi_meta_record* t4mi_meta;                 // null until derived
@@ -50,14 +57,17 @@ extern t4mi_client_context_registry t4mi_client_contexts;
 extern comm_socket_v4_server* t4mi_comm_server;
 extern int t4mi_should_exit;             // a client asked the process to exit
 // Stop signals received (SIGTERM, SIGQUIT, SIGINT; the program's handler,
-// main/signals.cpp, counts them). The serve loop leaves and a render waiting
-// for the shared buffer gives up when it is non-zero.
+// main/signals.cpp, counts them). The serve loop leaves, a render waiting
+// for the shared buffer gives up, and queued frame requests are no longer
+// run when it is non-zero.
 extern volatile std::sig_atomic_t DIE4;
 extern uint64_t mono_auto_shutdown;      // monotonic µs; 0: no deadline
 extern int json_next_xmit_rebuild;
 extern uint64_t json_next_xmit;
 extern uint64_t picture_flush_deref_delay; // µs: 0.5 s; a released frame stays cached this plus the next
 extern uint64_t picture_auto_deref_delay;  // µs: 2 s; a hold's life, after which the server releases it
+extern uint64_t picture_cache_budget;      // bytes for frames nobody holds: cached frames plus warm
+                                           // slots (docs/frame-buffers.md); 0: no bound (the default here)
 extern uint64_t tnb_total;                 // frame-buffer budget in bytes
 extern int image_tnb_buffer_fd;
 extern int image_tnb_buffer;

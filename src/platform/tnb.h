@@ -75,6 +75,8 @@ struct tnb_alloc_record {
     uint64_t length = 0;  // bytes asked for; 0: empty
     int32_t buffer = -1;  // id of the buffer (1..65535); -1 when empty
     uint64_t serial = 0;  // which allocation: a stale record never frees a newer one
+    bool fresh = false;   // with a budget: the range was not committed, so its pages are
+                          // still to be faulted in (worth doing in bulk: tnb_prefault)
 };
 
 // Allocation granularity: allocations start on and reserve whole pages.
@@ -85,10 +87,12 @@ uint64_t tnb_alloc_granularity();
 // the record left as it was, when no default buffer is held, when the
 // reserved total would pass `tnb_total`, or when no free range is large
 // enough. The bytes are not cleared: a new allocation may hold an old frame.
+// A warm slot of the reserved size is taken first (see warm slots below).
 bool tnb_malloc(tnb_alloc_record* record, uint64_t size, const char* name_fmt, ...)
     __attribute__((format(printf, 3, 4)));
 
-// Releases the record's allocation and empties the record. A record of a
+// Releases the record's allocation and empties the record (with a
+// frame-memory budget the range becomes a warm slot, below). A record of a
 // buffer that was dropped meanwhile (its allocation already forgotten) is
 // only emptied. Null or empty records are ignored.
 void tnb_free(tnb_alloc_record* record);
@@ -101,6 +105,28 @@ bool tnb_alloc_is_live(const tnb_alloc_record* record);
 // are emptied by their tnb_free) and lets the system reclaim the pages; the
 // default buffer itself stays held.
 void tnb_alloc_freeall();
+
+// --- warm slots ------------------------------------------------------------------
+//
+// With a frame-memory budget (picture_cache_budget > 0, docs/frame-buffers.md)
+// tnb_free keeps a freed allocation whole, with its pages committed and
+// mapped in every process that touched them: a warm slot. The next
+// allocation of the same reserved size takes the most recently freed warm
+// slot of that size, so a new frame lands on pages that need no fault and
+// may still be in the CPU's cache. Other sizes take fresh ranges first fit;
+// only when none is left are the warm slots punched out and merged back.
+// Warm bytes never pass the budget: past it the oldest slots are punched
+// out (their memory returns to the system) first. Without a budget, freed
+// ranges go straight back to the free list as described above.
+
+// Bytes an allocation of `size` reserves: whole pages.
+uint64_t tnb_reserved_size(uint64_t size);
+// Bytes held in warm slots.
+uint64_t tnb_warm_bytes();
+// True when a warm slot would serve an allocation of `size` bytes.
+bool tnb_warm_has(uint64_t size);
+// Punches out the oldest warm slots until at most `limit` bytes stay warm.
+void tnb_warm_trim(uint64_t limit);
 
 // Number of live allocations and the bytes they asked for.
 size_t tnb_alloc_live_count();
@@ -132,6 +158,13 @@ inline constexpr int T4MI_ACCESS_WRITE = 4;
 // entry is cleaned up as idle: fetch again rather than keep it.
 void* t4mi_global_access_cache_quickfetch(t4mi_global_access_cache* cache, int buffer, uint64_t offset,
                                           uint64_t size, int flags);
+
+// Faults in the pages of `size` bytes at `offset` of `buffer` for writing,
+// through the cache's mapping, with one system call instead of a page fault
+// a page (MADV_POPULATE_WRITE). False when the range is not mapped here or
+// the kernel cannot; the first writes then fault the pages in as usual.
+bool t4mi_global_access_cache_prefault(t4mi_global_access_cache* cache, int buffer, uint64_t offset,
+                                       uint64_t size);
 
 // Unmaps the entries of buffers no longer live and those not fetched for
 // T4MI_ACCESS_CACHE_IDLE_US. Null is ignored.

@@ -1,10 +1,14 @@
 // Allocations in the default buffer: first fit over a free list of page
-// ranges, coalesced on every free.
+// ranges, coalesced on every free; with a frame-memory budget, freed
+// allocations first wait whole as warm slots for the next one of their size.
 //
-// Freed pages are not handed back to the system one allocation at a time:
-// the next frame reuses them without page faults, and the serve loop drops
-// the whole buffer after a stretch of idleness anyway. tnb_alloc_freeall
-// punches the whole buffer out, which is the point where memory returns.
+// Without a budget, freed pages are not handed back to the system one
+// allocation at a time: the next frame reuses them without page faults, and
+// the serve loop drops the whole buffer after a stretch of idleness anyway.
+// tnb_alloc_freeall punches the whole buffer out, which is the point where
+// memory returns. With a budget, every committed free page is in a warm
+// slot, so the budget bounds them; a slot leaves warmth only by being
+// punched out.
 #include "platform/tnb.h"
 
 #include <cstdarg>
@@ -54,6 +58,77 @@ void give_back(tnb_buffer& b, uint64_t offset, uint64_t bytes)
     b.free_ranges.emplace(offset, bytes);
 }
 
+bool warm_mode() { return picture_cache_budget != 0; }
+
+void warm_push(tnb_buffer& b, uint64_t offset, uint64_t bytes)
+{
+    const uint64_t order = ++b.warm_order;
+    b.warm_by_age.emplace(order, tnb_warm_slot{offset, bytes});
+    b.warm_by_size[bytes].emplace(order, offset);
+    b.warm_bytes += bytes;
+}
+
+// Forgets the warm slot freed as `order`, returning its slot.
+tnb_warm_slot warm_take(tnb_buffer& b, uint64_t order)
+{
+    const auto it = b.warm_by_age.find(order);
+    const tnb_warm_slot slot = it->second;
+    b.warm_by_age.erase(it);
+    auto& same = b.warm_by_size[slot.bytes];
+    same.erase(order);
+    if (same.empty())
+        b.warm_by_size.erase(slot.bytes);
+    b.warm_bytes -= slot.bytes;
+    return slot;
+}
+
+// The oldest warm slot goes: its pages return to the system and its range
+// to the free list.
+void warm_punch_oldest(tnb_buffer& b)
+{
+    const tnb_warm_slot slot = warm_take(b, b.warm_by_age.begin()->first);
+    // Failure only costs memory: the range is free either way.
+    (void)fallocate(b.fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(slot.offset), off_t(slot.bytes));
+    give_back(b, slot.offset, slot.bytes);
+}
+
+// First fit in the free list: the offset of a range of `reserve` bytes,
+// taken out of the list; false when none is large enough.
+bool take_first_fit(tnb_buffer& b, uint64_t reserve, uint64_t* offset)
+{
+    auto fit = b.free_ranges.begin();
+    while (fit != b.free_ranges.end() && fit->second < reserve)
+        ++fit;
+    if (fit == b.free_ranges.end())
+        return false;
+    *offset = fit->first;
+    const uint64_t left = fit->second - reserve;
+    b.free_ranges.erase(fit);
+    if (left != 0)
+        b.free_ranges.emplace(*offset + reserve, left);
+    return true;
+}
+
+// Where an allocation of `reserve` bytes goes: the most recently freed warm
+// slot of that size, else first fit, else first fit after every warm slot
+// was punched out and merged back. `warm` tells which.
+bool place(tnb_buffer& b, uint64_t reserve, uint64_t* offset, bool* warm)
+{
+    *warm = false;
+    if (const auto same = b.warm_by_size.find(reserve); same != b.warm_by_size.end()) {
+        *offset = warm_take(b, same->second.rbegin()->first).offset;
+        *warm = true;
+        return true;
+    }
+    if (take_first_fit(b, reserve, offset))
+        return true;
+    if (b.warm_by_age.empty())
+        return false;
+    while (!b.warm_by_age.empty())
+        warm_punch_oldest(b);
+    return take_first_fit(b, reserve, offset);
+}
+
 } // namespace
 
 uint64_t tnb_alloc_granularity()
@@ -70,23 +145,13 @@ bool tnb_malloc(tnb_alloc_record* record, uint64_t size, const char* name_fmt, .
     tnb_buffer& b = tnb_state().buffer;
     if (record == nullptr || size == 0 || b.fd < 0)
         return false;
-    const uint64_t page = tnb_alloc_granularity();
     if (size > b.size)
         return false;
-    const uint64_t reserve = (size + page - 1) / page * page;
-    if (b.reserved_bytes + reserve > tnb_total)
+    const uint64_t reserve = tnb_reserved_size(size);
+    uint64_t offset = 0;
+    bool warm = false;
+    if (b.reserved_bytes + reserve > tnb_total || !place(b, reserve, &offset, &warm))
         return false;
-    auto fit = b.free_ranges.begin();
-    while (fit != b.free_ranges.end() && fit->second < reserve)
-        ++fit;
-    if (fit == b.free_ranges.end())
-        return false;
-
-    const uint64_t offset = fit->first;
-    const uint64_t left = fit->second - reserve;
-    b.free_ranges.erase(fit);
-    if (left != 0)
-        b.free_ranges.emplace(offset + reserve, left);
 
     va_list args;
     va_start(args, name_fmt);
@@ -100,6 +165,9 @@ bool tnb_malloc(tnb_alloc_record* record, uint64_t size, const char* name_fmt, .
     record->length = size;
     record->buffer = b.id;
     record->serial = a_serial;
+    // With a budget every committed free page is in a warm slot, so anything
+    // else is fresh. Without one, first fit may land on either.
+    record->fresh = warm_mode() && !warm;
     return true;
 }
 
@@ -114,7 +182,12 @@ void tnb_free(tnb_alloc_record* record)
             const uint64_t reserve = it->second.reserved;
             b.allocations.erase(it);
             b.reserved_bytes -= reserve;
-            give_back(b, record->offset, reserve);
+            if (warm_mode()) {
+                warm_push(b, record->offset, reserve);
+                tnb_warm_trim(picture_cache_budget);
+            } else {
+                give_back(b, record->offset, reserve);
+            }
         }
     }
     *record = tnb_alloc_record{};
@@ -140,9 +213,33 @@ void tnb_alloc_freeall()
     b.free_ranges.clear();
     b.free_ranges.emplace(0, b.size);
     b.reserved_bytes = 0;
+    b.warm_by_age.clear();
+    b.warm_by_size.clear();
+    b.warm_bytes = 0;
     // Nothing is allocated: let the system take the pages back (they read as
     // zero afterwards). Failure only costs memory.
     (void)fallocate(b.fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, off_t(b.size));
+}
+
+uint64_t tnb_reserved_size(uint64_t size)
+{
+    const uint64_t page = tnb_alloc_granularity();
+    return (size + page - 1) / page * page;
+}
+
+uint64_t tnb_warm_bytes() { return tnb_state().buffer.warm_bytes; }
+
+bool tnb_warm_has(uint64_t size)
+{
+    const tnb_buffer& b = tnb_state().buffer;
+    return b.fd >= 0 && b.warm_by_size.count(tnb_reserved_size(size)) != 0;
+}
+
+void tnb_warm_trim(uint64_t limit)
+{
+    tnb_buffer& b = tnb_state().buffer;
+    while (b.warm_bytes > limit)
+        warm_punch_oldest(b);
 }
 
 size_t tnb_alloc_live_count() { return tnb_state().buffer.allocations.size(); }

@@ -18,6 +18,12 @@ struct tnb_allocation {
     std::string name;
 };
 
+// A freed allocation kept whole, its pages still committed (warm slots).
+struct tnb_warm_slot {
+    uint64_t offset = 0;
+    uint64_t bytes = 0;  // reserved: whole pages
+};
+
 // The one buffer the allocator hands out from.
 struct tnb_buffer {
     int fd = -1;         // owned; -1 when none is held
@@ -26,6 +32,13 @@ struct tnb_buffer {
     std::map<uint64_t, tnb_allocation> allocations; // offset -> allocation
     std::map<uint64_t, uint64_t> free_ranges;       // offset -> bytes; coalesced, never adjacent
     uint64_t reserved_bytes = 0;                    // sum of allocations' reserved
+    // Warm slots (only with a frame-memory budget): not in free_ranges. By
+    // the order they were freed, oldest first, to trim; and by size, most
+    // recently freed last, to reuse.
+    std::map<uint64_t, tnb_warm_slot> warm_by_age;                 // free order -> slot
+    std::map<uint64_t, std::map<uint64_t, uint64_t>> warm_by_size; // bytes -> (free order -> offset)
+    uint64_t warm_bytes = 0;
+    uint64_t warm_order = 0;
 };
 
 struct tnb_domain {

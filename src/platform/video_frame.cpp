@@ -1,6 +1,7 @@
 #include "platform/video_frame.h"
 
 #include "platform/clock.h"
+#include "platform/frame_retention.h"
 #include "platform/t4mi_globals.h"
 
 t4mi_video_frame::t4mi_video_frame(int64_t frame_number_)
@@ -8,7 +9,11 @@ t4mi_video_frame::t4mi_video_frame(int64_t frame_number_)
 {
 }
 
-t4mi_video_frame::~t4mi_video_frame() { tnb_free(&tnb_alloc); }
+t4mi_video_frame::~t4mi_video_frame()
+{
+    t4mi_frame_retention_remove(this);
+    tnb_free(&tnb_alloc);
+}
 
 void t4mi_video_frame::release_allocation() { tnb_free(&tnb_alloc); }
 
@@ -16,14 +21,16 @@ void t4mi_video_frame::release_idle_mappings() { t4mi_global_access_cache_cleanu
 
 void t4mi_video_frame::addref(uint64_t now_us)
 {
+    if (refcount == 0)
+        t4mi_frame_retention_remove(this);
     ++refcount;
     last_use = now_us;
 }
 
 void t4mi_video_frame::deref(uint64_t now_us)
 {
-    if (refcount > 0)
-        --refcount;
+    if (refcount > 0 && --refcount == 0 && cache != nullptr)
+        t4mi_frame_retention_add(this);
     last_use = now_us;
 }
 
@@ -37,7 +44,26 @@ t4mi_video_frame* t4mi_video_frame_manager::find_frame(uint64_t frame_number, ui
 
 bool t4mi_video_frame_manager::store_frame(uint64_t frame_number, uint32_t variant, t4mi_video_frame* frame)
 {
-    return frames.emplace(t4mi_frame_key{frame_number, variant}, frame).second;
+    const t4mi_frame_key key{frame_number, variant};
+    if (!frames.emplace(key, frame).second)
+        return false;
+    frame->cache = this;
+    frame->cache_key = key;
+    if (frame->refcount == 0)
+        t4mi_frame_retention_add(frame);
+    return true;
+}
+
+bool t4mi_video_frame_manager::evict_frame(t4mi_video_frame* frame)
+{
+    if (frame == nullptr || frame->cache != this || frame->refcount != 0)
+        return false;
+    const auto it = frames.find(frame->cache_key);
+    if (it == frames.end() || it->second != frame)
+        return false;
+    frames.erase(it);
+    delete frame;
+    return true;
 }
 
 size_t t4mi_video_frame_manager::flush_unused_frames(uint64_t limit)

@@ -22,11 +22,21 @@ struct t4mi_frame_descriptor_ref {
     int64_t frame_number = 0;
 };
 
+// Key of the frame cache: a frame number and the request variant it was
+// rendered for; ordered by frame number, then variant.
+struct t4mi_frame_key {
+    uint64_t frame_number = 0;
+    uint32_t variant = 0;
+    auto operator<=>(const t4mi_frame_key&) const = default;
+};
+
+class t4mi_video_frame_manager;
+
 class t4mi_video_frame {
 public:
     // A frame for `frame_number`, empty (no allocation), last used now.
     explicit t4mi_video_frame(int64_t frame_number);
-    // Frees the allocation, if any.
+    // Frees the allocation, if any, and leaves the list of unheld frames.
     virtual ~t4mi_video_frame();
     t4mi_video_frame(const t4mi_video_frame&) = delete;
     t4mi_video_frame& operator=(const t4mi_video_frame&) = delete;
@@ -40,7 +50,10 @@ public:
     virtual void release_idle_mappings();
 
     // Reference counting by the serving side: a client holding the frame.
-    // Both stamp `last_use` with `now_us` (monotonic µs).
+    // Both stamp `last_use` with `now_us` (monotonic µs). A cached frame
+    // whose count comes down to 0 joins the process's unheld frames
+    // (platform/frame_retention.h) as the most recently used; the first
+    // hold takes it out again.
     void addref(uint64_t now_us);
     void deref(uint64_t now_us);
 
@@ -53,21 +66,26 @@ public:
     int32_t aspect[2] = {0, 0};           // picture aspect numerator, denominator; 0, 0 unknown
     int64_t refcount = 0;                 // references held by clients
     uint64_t last_use = 0;                // monotonic µs of the last addref/deref (construction at first)
-};
 
-// Key of the frame cache: a frame number and the request variant it was
-// rendered for; ordered by frame number, then variant.
-struct t4mi_frame_key {
-    uint64_t frame_number = 0;
-    uint32_t variant = 0;
-    auto operator<=>(const t4mi_frame_key&) const = default;
+    // Set by the frame cache that owns the frame (store_frame); null when
+    // the frame is in none.
+    t4mi_video_frame_manager* cache = nullptr;
+    t4mi_frame_key cache_key;
+    // Links of the process's list of unheld cached frames (frame_retention.cpp).
+    t4mi_video_frame* unheld_prev = nullptr;
+    t4mi_video_frame* unheld_next = nullptr;
+    uint64_t unheld_bytes = 0;            // what the frame counts there: its reserved bytes
+    bool unheld_listed = false;
 };
 
 // The count every flush of unused frames passes: far more frames than a
 // cache ever holds, so it means all of them.
 inline constexpr uint64_t FLUSH_EVERYTHING = 999999;
 
-// The frame cache of one reader. Every frame in it is owned by it.
+// The frame cache of one reader. Every frame in it is owned by it, and its
+// unheld frames are also on the process's list of unheld frames
+// (platform/frame_retention.h), which may evict them to keep the
+// frame-memory budget.
 class t4mi_video_frame_manager {
 public:
     using frame_map = std::map<t4mi_frame_key, t4mi_video_frame*>;
@@ -96,6 +114,11 @@ public:
     // Deletes the frames with reference count 0 whose `last_use` is at most
     // `limit_us` (monotonic µs). Returns how many.
     size_t expire_frames(uint64_t limit_us);
+
+    // Deletes `frame`, which this cache owns and nobody holds, to give its
+    // memory back (the frame-memory budget). False, with nothing done, when
+    // it is not this cache's or it is held.
+    bool evict_frame(t4mi_video_frame* frame);
 
     size_t size() const { return frames.size(); }
     const frame_map& all() const { return frames; }

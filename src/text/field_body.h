@@ -20,6 +20,12 @@ inline constexpr int FIELD_MAX_PARTS = 32;
 // field longer than the buffer hangs the parser, kept as it is.
 const char* collect_field_body(const char* p, char (&body)[FIELD_BODY_SIZE]);
 
+// The hardened variant (--harden): the same, except that a body which is not
+// closed right after its 511th byte is dropped instead of hanging. Then
+// `*dropped` is set, `body` is empty, and the position returned is after the
+// body's closing "}%", or the end of the text when it has none.
+const char* collect_field_body_bounded(const char* p, char (&body)[FIELD_BODY_SIZE], bool* dropped);
+
 // Splits `body` in place at every ";" (each becomes a NUL) and points
 // parts[0..n-1] into it; returns n >= 1. After the 32nd part no new part
 // starts, so the 32nd part ends at the next ";" and the text after it is lost.

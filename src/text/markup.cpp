@@ -14,6 +14,7 @@
 #include "items/colour.h"
 #include "items/scroll_settings.h"
 #include "platform/packet.h"
+#include "platform/t4mi_globals.h"
 #include "platform/text_helpers.h"
 #include "text/field_body.h"
 #include "text/json_sources.h"
@@ -221,7 +222,16 @@ void scrolling_text_client_context::parse_text()
         if (p[0] == '%' && p[1] == '{') {
             char body[FIELD_BODY_SIZE];
             char* parts[FIELD_MAX_PARTS];
-            p = collect_field_body(p + 2, body);
+            if (!t4mi_harden) {
+                p = collect_field_body(p + 2, body);
+            } else {
+                bool dropped = false;
+                p = collect_field_body_bounded(p + 2, body, &dropped);
+                if (dropped) {
+                    std::fprintf(stderr, "WARNING: Field longer than %zu bytes dropped\n", FIELD_BODY_SIZE - 1);
+                    continue;
+                }
+            }
             const int n = split_field_parts(body, parts);
             handle_field(*this, n, parts);
             continue;

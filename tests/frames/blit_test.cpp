@@ -6,7 +6,7 @@
 
 #include "fonts/font_bmp.h"
 #include "frames/blit.h"
-#include "frames/compositor.h"
+#include "frames/yuva_pixel.h"
 
 namespace {
 

@@ -124,7 +124,7 @@ public:
         rival->refcount = 1; // held by its client, so not flushed below
         EXPECT_TRUE(frame_manager.store_frame(race_frame, 0, rival));
         blocker->refcount = 0; // the frame that filled the buffer goes
-        frame_manager.flush_unused_frames(999999);
+        frame_manager.flush_unused_frames(FLUSH_EVERYTHING);
     }
     uint64_t race_frame = 0;
     t4mi_video_frame* blocker = nullptr;
@@ -184,7 +184,7 @@ TEST_F(CompositorRefresh, TheSameFrameNumberGivesTheSameBytes)
     lay_out(ctx, text);
     const uint64_t n = 40;
     const frame_pixels once = render_pixels(ctx, n);
-    ctx->reader->frame_manager.flush_unused_frames(999999);
+    ctx->reader->frame_manager.flush_unused_frames(FLUSH_EVERYTHING);
     EXPECT_EQ(render_pixels(ctx, n), once);
     // A fresh context (fresh glyph and shadow caches) in this process.
     auto* fresh = make_context(480, 60, 25, 1);

@@ -46,7 +46,7 @@ public:
     void release_cache() override
     {
         log->push_back("reader release cache");
-        frame_manager.flush_unused_frames(999999);
+        frame_manager.flush_unused_frames(FLUSH_EVERYTHING);
     }
     call_log* log;
 };

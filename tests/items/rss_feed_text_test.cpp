@@ -7,6 +7,7 @@
 #include <libxml/parser.h>
 
 #include "items/rss_feed_text.h"
+#include "platform/t4mi_globals.h"
 #include "rss_fixture.h"
 
 namespace {
@@ -128,6 +129,20 @@ TEST(RssFeedText, NoDocumentAtAll)
     stderr_capture err;
     EXPECT_EQ(rss_text_from_document(nullptr), "");
     EXPECT_EQ(err.text(), NO_RSS);
+}
+
+TEST(RssFeedText, HardenedADocumentWithoutRootGivesAWarningAndNoText)
+{
+    struct doc_deleter {
+        void operator()(xmlDoc* d) const { xmlFreeDoc(d); }
+    };
+    const std::unique_ptr<xmlDoc, doc_deleter> doc(xmlNewDoc(BAD_CAST "1.0"));
+    t4mi_harden = 1;
+    stderr_capture err;
+    const std::string text = rss_text_from_document(doc.get());
+    t4mi_harden = 0;
+    EXPECT_EQ(text, "");
+    EXPECT_EQ(err.text(), "WARNING: Empty XML document\n");
 }
 
 TEST(RssFeedTextDeathTest, ADocumentWithoutRootAbortsTheProcess)

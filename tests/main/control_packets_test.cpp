@@ -148,6 +148,35 @@ TEST_F(ControlPackets, OtherCommandsAreNotOurs)
     }
 }
 
+TEST_F(ControlPackets, ATextPastItsLimitIsRefusedAndNothingOfThePacketApplies)
+{
+    const auto before = scroll_settings;
+    for (const auto& [entries, message] : std::vector<std::pair<std::vector<comm_socket_v4_nv_entry>, std::string>>{
+             {{{"fontColor", "00ff00"}, {"text", std::string(MAX_TEXT_ENTRY_BYTES + 1, 'x')}},
+              "Text too large: " + std::to_string(MAX_TEXT_ENTRY_BYTES + 1) + " bytes, at most " +
+                  std::to_string(MAX_TEXT_ENTRY_BYTES)},
+             {{{"text", "fits"}, {"fontFamily", std::string(MAX_SETTING_ENTRY_BYTES + 1, 'F')}},
+              "Value too large: fontFamily, " + std::to_string(MAX_SETTING_ENTRY_BYTES + 1) + " bytes, at most " +
+                  std::to_string(MAX_SETTING_ENTRY_BYTES)}}) {
+        comm_socket_v4_packet request, response;
+        request.command = "v4::text";
+        request.entries = entries;
+        ASSERT_EQ(my_custom_packet_handler(&request, &response, nullptr, nullptr), 1);
+        EXPECT_EQ(response.command, "v4::text");
+        EXPECT_EQ(response.status, "ERROR");
+        ASSERT_EQ(response.entries.size(), 1u);
+        EXPECT_EQ(response.entries[0].name, "message");
+        EXPECT_EQ(response.entries[0].value, message);
+    }
+    EXPECT_EQ(scroll_settings.text, before.text);
+    EXPECT_EQ(scroll_settings.fontColor, before.fontColor);
+    EXPECT_FALSE(a->text_dirty);
+    // At the limits exactly, it applies.
+    send_text({{"text", std::string(MAX_TEXT_ENTRY_BYTES, 'y')}, {"fontFamily", std::string(MAX_SETTING_ENTRY_BYTES, 'F')}});
+    EXPECT_EQ(scroll_settings.text.size(), MAX_TEXT_ENTRY_BYTES);
+    EXPECT_TRUE(a->text_dirty);
+}
+
 } // namespace
 
 namespace {

@@ -155,4 +155,16 @@ TEST_F(FileWatch, AReplacedFileIsReopened)
     EXPECT_EQ(scroll_settings.text, "replaced");
 }
 
+TEST_F(FileWatch, ASighupSinceTheLastPollReloadsAtOnceLikeTheReloadCommand)
+{
+    std::string err;
+    reload_signalled = 1;
+    EXPECT_TRUE(poll_after(0, &err));
+    EXPECT_EQ(err, "SIGHUP: reloading the item\n");
+    EXPECT_EQ(reload_signalled, 0);
+    // Armed as "reload" arms it: a real change later is taken at its first check.
+    EXPECT_EQ(watch_confirmations, 99999);
+    EXPECT_FALSE(poll_after(0, &err));
+}
+
 } // namespace

@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "main/serving_fixture.h"
-#include "platform/packet_codec.h"
+#include "support/hostile_clients.h"
 
 namespace {
 
@@ -33,24 +33,6 @@ std::string item_with(const std::string& text)
 {
     return "#Tevrin4ScrollText\n#-backgroundColor=ff0000\n#-backgroundOpacity=0.5\n#-scrollSpeed=1\n#-multiLine=1\n" +
            text + "\n";
-}
-
-std::vector<uint8_t> encoded(const std::string& command, const std::vector<comm_socket_v4_nv_entry>& entries = {},
-                             const std::string& data = {})
-{
-    comm_socket_v4_packet p;
-    p.command = command;
-    p.entries = entries;
-    p.set_data(data.data(), data.size());
-    std::vector<uint8_t> out;
-    comm_socket_v4_packet_encode(p, 0, 1, &out);
-    return out;
-}
-
-void put_u32(std::vector<uint8_t>& b, size_t at, uint32_t v)
-{
-    for (int i = 0; i < 4; i++)
-        b[at + i] = uint8_t(v >> (8 * i));
 }
 
 // A client that renders frame after frame in a thread of its own, each
@@ -86,83 +68,12 @@ struct steady_client {
 
 class ServingProcessAcceptance : public t4test::serving_process_test {
 protected:
-    // Every kind of hostile connection once; connections that should be
+    // Every kind of malformed connection once; connections that should be
     // dropped go to `expect_dropped`, the rest to `lingering` (closed later).
     void hostile_round(std::mt19937& rng)
     {
-        const std::string& sock = proc->socket_path();
-        auto open = [&] { return std::make_unique<t4test::raw_socket>(sock); };
-        const std::vector<uint8_t> frame = encoded("frame", {{"frame", "5"}});
-
-        // Random bytes.
-        auto junk = open();
-        std::vector<uint8_t> noise(2048);
-        for (auto& b : noise)
-            b = uint8_t(rng());
-        junk->write_some(noise.data(), noise.size());
-        keep(std::move(junk), true);
-
-        // A header cut short, and the connection closed under it.
-        open()->write_some(frame.data(), 7);
-
-        // A length far past the limit: refused from the header alone.
-        auto oversized = open();
-        std::vector<uint8_t> big = frame;
-        put_u32(big, 4, 0xFFFFFFF0u);
-        oversized->write_some(big.data(), big.size());
-        keep(std::move(oversized), true);
-
-        // Valid headers over broken bodies: a command length past the end,
-        // an entry count past the end, a value length past the end, a NUL in
-        // the command, bytes left over after the data.
-        std::vector<std::vector<uint8_t>> broken(5, frame);
-        broken[0][16] = 0xFF;
-        broken[0][17] = 0xFF;
-        const size_t entry_count = 16 + 2 + 5 + 2 + 2;
-        broken[1][entry_count] = 0xFF;
-        broken[1][entry_count + 1] = 0xFF;
-        put_u32(broken[2], entry_count + 2 + 2 + 5, 0x7FFFFFFF);
-        broken[3][18] = 0;
-        put_u32(broken[4], 4, uint32_t(broken[4].size() + 3));
-        broken[4].insert(broken[4].end(), {1, 2, 3});
-        for (const auto& b : broken) {
-            auto s = open();
-            s->write_some(b.data(), b.size());
-            keep(std::move(s), true);
-        }
-
-        // One byte of a well-formed request changed at random: answered,
-        // refused or dropped, it costs that connection only. ("v4::text" and
-        // "exit" are left out: they are for every client, by design.)
-        const std::vector<std::vector<uint8_t>> bases = {
-            encoded("status"), frame, encoded("release", {{"frame", "5"}}),
-            encoded("settings", {{"width", "64"}, {"height", "16"}}),
-            encoded("data", {}, R"({"current":{"title":"x"}})"), encoded("reload")};
-        for (int i = 0; i < 3; i++) {
-            std::vector<uint8_t> m = bases[rng() % bases.size()];
-            m[rng() % m.size()] = uint8_t(rng());
-            auto s = open();
-            s->write_some(m.data(), m.size());
-            keep(std::move(s), false);
-        }
-
-        // A storm of connections closed at once.
-        for (int i = 0; i < 10; i++)
-            open();
-    }
-
-    // A connection that asks for the same frame thousands of times and
-    // never reads a reply: it holds at most 128 and is dropped once its
-    // unread replies pass 1 MiB.
-    void never_reading_flood()
-    {
-        auto s = std::make_unique<t4test::raw_socket>(proc->socket_path());
-        std::vector<uint8_t> many;
-        const std::vector<uint8_t> one = encoded("frame", {{"frame", "1"}});
-        for (int i = 0; i < 3000; i++)
-            many.insert(many.end(), one.begin(), one.end());
-        s->write_some(many.data(), many.size());
-        floods.push_back(std::move(s));
+        for (auto& h : t4test::malformed_round(proc->socket_path(), rng))
+            keep(std::move(h.socket), h.must_be_dropped);
     }
 
     // The first connections that must be dropped are kept to check that
@@ -240,7 +151,7 @@ TEST_F(ServingProcessAcceptance, WellBehavedClientsGetEveryFrameWhileOthersAttac
             edit_item(item_with(texts[edits_done++]));
         hostile_round(rng);
         if (rounds % 40 == 0 && floods.size() < 2)
-            never_reading_flood();
+            floods.push_back(t4test::never_reading_flood(proc->socket_path()));
         ++rounds;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         ASSERT_TRUE(proc->running()) << proc->err();

@@ -305,13 +305,19 @@ TEST_F(ServingProcess, ADaemonServesOnTheSocketItMadeAgain)
 
 TEST_F(ServingProcess, OneShotServesOneTurnAndShutsDown)
 {
-    start({"--oneshot"});
+    // Not start(): its readiness may come and go (status.json goes with the
+    // process) between two polls. "Oneshot" below is printed by the serve
+    // loop, which runs only once the process is ready.
+    proc = std::make_unique<t4test::serving_process>(
+        t4test::scrolltext_binary(),
+        std::vector<std::string>{"--file", item_path, "--metadir", dir / "meta", "--oneshot"}, fonts.env());
     int status = -2;
     ASSERT_TRUE(proc->wait_exit(10000, &status));
     EXPECT_EQ(status, 0);
     const std::string err = proc->err();
     EXPECT_NE(err.find("Oneshot\n--------------REMAINING TNB BUFFER ALLOCATIONS"), std::string::npos) << err;
     EXPECT_FALSE(fs::exists(dir / "meta/control.sock"));
+    EXPECT_FALSE(fs::exists(dir / "meta/status.json"));
 }
 
 TEST_F(ServingProcess, TheAutoShutdownDeadlineWaitsForTheLastClient)

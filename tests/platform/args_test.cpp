@@ -49,12 +49,38 @@ TEST_F(Args, FlagsSetTheirGlobals)
     EXPECT_EQ(t4mi_metadata_may_update, 0);
 }
 
+TEST_F(Args, HardenIsOffUntilAsked)
+{
+    EXPECT_EQ(t4mi_harden, 0);
+    EXPECT_EQ(parse({"--harden"}), (std::vector<int>{1}));
+    EXPECT_EQ(t4mi_harden, 1);
+    t4mi_reset_standard_switches();
+    EXPECT_EQ(t4mi_harden, 0);
+}
+
 TEST_F(Args, AutoShutdownIsInSeconds)
 {
     EXPECT_EQ(parse({"--auto-shutdown", "2.5"}), (std::vector<int>{1}));
     EXPECT_EQ(auto_shutdown_delay_initial, 2500000u);
     EXPECT_EQ(parse({"--auto-shutdown", "-1"}), (std::vector<int>{-1}));
     EXPECT_EQ(parse({"--auto-shutdown=x"}), (std::vector<int>{-1}));
+}
+
+TEST_F(Args, FrameMemorySwitchesAreInWholeMebibytes)
+{
+    EXPECT_EQ(t4mi_frame_cache_mib, -1);  // not given: start-up's default
+    EXPECT_EQ(t4mi_shared_buffer_mib, -1);
+    EXPECT_EQ(parse({"--frame-cache", "16", "--shared-buffer=512"}), (std::vector<int>{1, 1}));
+    EXPECT_EQ(t4mi_frame_cache_mib, 16);
+    EXPECT_EQ(t4mi_shared_buffer_mib, 512);
+    EXPECT_EQ(parse({"--frame-cache", "0"}), (std::vector<int>{1}));
+    EXPECT_EQ(t4mi_frame_cache_mib, 0);
+    for (const char* bad : {"-1", "1.5", "4097", "", "x", "+3", " 3"})
+        EXPECT_EQ(parse({"--frame-cache", bad}), (std::vector<int>{-1})) << bad;
+    EXPECT_EQ(parse({"--shared-buffer"}), (std::vector<int>{-1}));
+    t4mi_reset_standard_switches();
+    EXPECT_EQ(t4mi_frame_cache_mib, -1);
+    EXPECT_EQ(t4mi_shared_buffer_mib, -1);
 }
 
 TEST_F(Args, UnknownAndMisusedSwitches)
@@ -72,7 +98,8 @@ TEST_F(Args, HelpListsEverySwitchWithoutTheOneShotLine)
     t4mi_std_help();
     const std::string help = testing::internal::GetCapturedStderr();
     for (const char* sw : {"--file", "--type", "--metadir", "--socket", "--identify", "--daemon", "--log",
-                           "--temp-clean", "--force-metadata", "--auto-shutdown", "--cgroup-active", "--cgroup-idle"})
+                           "--temp-clean", "--force-metadata", "--auto-shutdown", "--cgroup-active", "--cgroup-idle",
+                           "--harden", "--frame-cache", "--shared-buffer", "--version"})
         EXPECT_NE(help.find(sw), std::string::npos) << sw;
     EXPECT_EQ(help.find("--oneshot"), std::string::npos);
 }

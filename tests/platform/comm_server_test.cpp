@@ -215,6 +215,38 @@ TEST_F(ControlServer, AStaleSocketFileIsReplacedButAnyOtherFileIsLeftAlone)
     EXPECT_EQ(t4test::read_file(file), "keep me");
 }
 
+TEST_F(ControlServer, ALiveSocketIsNeverTakenOverAndNamesItsServer)
+{
+    // This process listens there: a second server for the path must leave it be.
+    struct stat before {};
+    ASSERT_EQ(lstat(server.socket_path().c_str(), &before), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(comm_socket_v4_server_create(server.socket_path().c_str()), nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Cannot create control socket '" + server.socket_path() +
+                                                          "': already served by pid " + std::to_string(getpid()) +
+                                                          "\n");
+    struct stat after {};
+    ASSERT_EQ(lstat(server.socket_path().c_str(), &after), 0);
+    EXPECT_EQ(after.st_ino, before.st_ino);
+    auto c = server.client();
+    ASSERT_TRUE(c);
+    std::string json;
+    EXPECT_TRUE(c->status(&json)) << c->error();
+}
+
+TEST_F(ControlServer, ASocketInADirectoryOthersMayWriteIsNotMade)
+{
+    t4test::temp_dir dir;
+    ASSERT_EQ(chmod(dir.path().c_str(), 0777), 0);
+    const std::string path = dir / "c.sock";
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(comm_socket_v4_server_create(path.c_str()), nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Cannot create control socket '" + path + "': its directory is writable by group or others (mode 0777)\n");
+    struct stat st {};
+    EXPECT_NE(lstat(path.c_str(), &st), 0);
+}
+
 TEST_F(ControlServer, ReopeningKeepsTheConnectionsAndServesNewClientsAtTheSamePath)
 {
     auto a = server.client();
@@ -374,6 +406,19 @@ TEST_F(ControlServer, DataGoesToTheSendersContextOnly)
     EXPECT_TRUE(changed);
     EXPECT_EQ(ctx_a->data, "{\"current\":{\"title\":\"News at ten\"}}");
     EXPECT_EQ(ctx_b->data, "");
+}
+
+TEST_F(ControlServer, DataPastTheLimitIsRefusedAndNotApplied)
+{
+    comm_socket_v4_server_limits.max_data_bytes = 16;
+    auto c = server.client();
+    ASSERT_TRUE(c->send_data("[1,2,3,4,5,6,7]"));  // 15 bytes
+    EXPECT_EQ(newest()->data, "[1,2,3,4,5,6,7]");
+    EXPECT_FALSE(c->send_data("[1,2,3,4,5,6,7,8]"));
+    EXPECT_NE(c->error().find("Data too large: 17 bytes, at most 16"), std::string::npos) << c->error();
+    EXPECT_EQ(newest()->data, "[1,2,3,4,5,6,7]");
+    t4mi_client_frame f;
+    EXPECT_TRUE(c->request_frame(1, 0, 0, &f)) << c->error();
 }
 
 TEST_F(ControlServer, StatusGivesTheItemsJsonAndSubscribersGetItWhenItChanges)
@@ -580,14 +625,135 @@ TEST_F(ControlServer, AClientHoldsABoundedNumberOfFrames)
     EXPECT_TRUE(c->request_frame(3, 0, 0, &f)) << c->error();
 }
 
-TEST_F(ControlServer, TooManyConnectionsAreTurnedAway)
+TEST_F(ControlServer, TooManyConnectionsAreTurnedAwayWhenEveryOneHoldsFrames)
 {
     comm_socket_v4_server_limits.max_connections = 2;
     auto a = server.client();
     auto b = server.client();
+    t4mi_client_frame f;
+    ASSERT_TRUE(a->request_frame(1, 0, 0, &f));
+    ASSERT_TRUE(b->request_frame(1, 0, 0, &f));
     t4test::raw_socket third(server.socket_path());
     EXPECT_TRUE(third.closed_by_server(2000, [&] { server.pump(); }));
     EXPECT_EQ(t4mi_client_contexts.count(), 2u);
+}
+
+TEST_F(ControlServer, AtTheConnectionLimitTheLongestIdleWithoutFramesMakesRoom)
+{
+    comm_socket_v4_server_limits.max_connections = 3;
+    auto holder = server.client();
+    t4mi_client_frame f;
+    ASSERT_TRUE(holder->request_frame(1, 0, 0, &f));
+    t4test::raw_socket oldest(server.socket_path());
+    server.pump();
+    usleep(2000);
+    t4test::raw_socket newer(server.socket_path());
+    server.pump();
+    ASSERT_EQ(t4mi_client_contexts.count(), 3u);
+
+    testing::internal::CaptureStderr();
+    auto fresh = server.client();
+    ASSERT_TRUE(fresh);
+    EXPECT_TRUE(fresh->request_frame(2, 0, 0, &f)) << fresh->error();
+    EXPECT_TRUE(oldest.closed_by_server(2000, [&] { server.pump(); }));
+    EXPECT_FALSE(newer.closed_by_server(20, [&] { server.pump(); }));
+    EXPECT_TRUE(holder->request_frame(3, 0, 0, &f)) << holder->error();
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("dropped: idle, evicted to make room\n"), std::string::npos) << err;
+    EXPECT_EQ(t4mi_client_contexts.count(), 3u);
+}
+
+TEST_F(ControlServer, AClientThatSpokeLessThanASecondAgoIsNotEvicted)
+{
+    comm_socket_v4_server_limits.max_connections = 2;
+    auto pump = [&] { server.pump(); };
+    std::string json;
+    auto quiet = server.client();
+    ASSERT_TRUE(quiet->status(&json));
+    auto active = server.client();
+    ASSERT_TRUE(active->status(&json));
+    // Both spoke just now: a newcomer is turned away rather than evict one.
+    t4test::raw_socket early(server.socket_path());
+    EXPECT_TRUE(early.closed_by_server(2000, pump));
+    // Later the quiet one has been idle a second, the active one has not.
+    t4mi_clock_set_monotonic_offset_us(1500000);
+    ASSERT_TRUE(active->status(&json));
+    testing::internal::CaptureStderr();
+    t4test::raw_socket late(server.socket_path());
+    EXPECT_FALSE(late.closed_by_server(50, pump));
+    EXPECT_FALSE(quiet->status(&json));
+    EXPECT_TRUE(active->status(&json)) << active->error();
+    testing::internal::GetCapturedStderr();
+}
+
+TEST_F(ControlServer, APacketUnfinishedForFiveSecondsDropsItsConnectionButSilenceDoesNot)
+{
+    std::vector<uint8_t> bytes;
+    ASSERT_TRUE(comm_socket_v4_packet_encode(command("frame", {{"frame", "3"}}), 0, 77, &bytes));
+    t4test::raw_socket silent(server.socket_path());
+    t4test::raw_socket halting(server.socket_path());
+    halting.write_some(bytes.data(), 7);
+    server.pump();
+    server.pump();
+    t4mi_clock_set_monotonic_offset_us(4900000);
+    EXPECT_FALSE(halting.closed_by_server(20, [&] { server.pump(); }));
+    testing::internal::CaptureStderr();
+    t4mi_clock_set_monotonic_offset_us(5100000);
+    EXPECT_TRUE(halting.closed_by_server(2000, [&] { server.pump(); }));
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("dropped: unfinished packet\n"), std::string::npos) << err;
+    EXPECT_FALSE(silent.closed_by_server(20, [&] { server.pump(); }));
+}
+
+TEST_F(ControlServer, ASlowPacketFinishedInTimeKeepsItsConnection)
+{
+    std::vector<uint8_t> bytes;
+    ASSERT_TRUE(comm_socket_v4_packet_encode(command("status"), 0, 5, &bytes));
+    t4test::raw_socket slow(server.socket_path());
+    // Two packets, each finished within the limit, the second begun right
+    // after the first: the clock starts again with each packet.
+    for (int i = 0; i < 2; i++) {
+        t4mi_clock_set_monotonic_offset_us(int64_t(i) * 8000000);
+        slow.write_some(bytes.data(), 10);
+        server.pump();
+        t4mi_clock_set_monotonic_offset_us(int64_t(i) * 8000000 + 4000000);
+        server.pump();
+        slow.write_some(bytes.data() + 10, bytes.size() - 10);
+        server.pump();
+    }
+    t4mi_clock_set_monotonic_offset_us(30000000);
+    EXPECT_FALSE(slow.closed_by_server(20, [&] { server.pump(); }));
+}
+
+TEST_F(ControlServer, BufferedInputPastTheCapDropsTheConnectionThatBuffersTheMost)
+{
+    comm_socket_v4_server_limits.max_input_bytes = 1u << 20;
+    auto good = server.client();
+    // Two clients that begin 2 MiB packets; the bigger part goes first.
+    std::vector<uint8_t> header = {'T', '4', 'M', 'P', 0, 0, 0x20, 0, 1, 0, 0, 0, 1, 0, 0, 0};
+    const std::vector<uint8_t> body(700u << 10, 0x41);
+    t4test::raw_socket big(server.socket_path()), small(server.socket_path());
+    int room = 1 << 20;
+    setsockopt(big.descriptor(), SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+    setsockopt(small.descriptor(), SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+    big.write_some(header.data(), header.size());
+    size_t sent = 0;
+    for (int i = 0; i < 200 && sent < body.size(); i++) {
+        sent += big.write_some(body.data() + sent, body.size() - sent);
+        server.pump();
+    }
+    ASSERT_EQ(sent, body.size());
+    for (int i = 0; i < 20; i++)
+        server.pump();
+    testing::internal::CaptureStderr();
+    small.write_some(header.data(), header.size());
+    small.write_some(body.data(), 300u << 10);
+    EXPECT_TRUE(big.closed_by_server(2000, [&] { server.pump(); }));
+    EXPECT_FALSE(small.closed_by_server(20, [&] { server.pump(); }));
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("dropped: too much buffered input\n"), std::string::npos) << err;
+    t4mi_client_frame f;
+    EXPECT_TRUE(good->request_frame(1, 0, 0, &f)) << good->error();
 }
 
 TEST_F(ControlServer, PacketsAreHandledInTheOrderTheClientSentThem)

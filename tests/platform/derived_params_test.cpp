@@ -137,6 +137,70 @@ TEST_F(Derived, StatusFileReportsProgressAndReadiness)
     EXPECT_EQ(j["pid"], int(getpid()));
 }
 
+TEST_F(Derived, AMetadataDirectoryOthersMayWriteIsRefusedBeforeAnythingIsWritten)
+{
+    t4test::write_file(dir / "a.txt", "x");
+    t4test::make_dirs(dir / "open");
+    ASSERT_EQ(chmod((dir / "open").c_str(), 0777), 0);
+    t4mi_file = dir / "a.txt";
+    t4mi_file_metadir = dir / "open";
+    t4mi_temp_clean_only = 1;
+    t4test::write_file(dir / "open/left.tmp", "x");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(t4mi_standard_to_derived_params(), T4MI_DERIVED_REFUSED);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Refusing metadata directory '" + (dir / "open") + "': it is writable by group or others (mode 0777)\n");
+    EXPECT_EQ(t4mi_meta, nullptr);
+    EXPECT_TRUE(fs::exists(dir / "open/left.tmp"));
+}
+
+TEST_F(Derived, AFifoItemIsRefusedAndNoDirectoryIsMade)
+{
+    ASSERT_EQ(mkfifo((dir / "pipe").c_str(), 0600), 0);
+    t4mi_file = dir / "pipe";
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(t4mi_standard_to_derived_params(), T4MI_DERIVED_REFUSED);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Refusing item file '" + (dir / "pipe") + "': it is a FIFO\n");
+    EXPECT_FALSE(fs::exists(dir / ".pipe.t4mi"));
+}
+
+TEST_F(Derived, OurStatusFileGoesWithTheTearDownButAnotherOneStays)
+{
+    t4test::write_file(dir / "a.txt", "x");
+    t4mi_file = dir / "a.txt";
+    ASSERT_EQ(t4mi_standard_to_derived_params(), 0);
+    const std::string status = t4mi_file_metadir + "/status.json";
+    t4mi_ready_write(1, "Ready to serve data");
+    ASSERT_TRUE(fs::exists(status));
+    t4mi_free_all();
+    EXPECT_FALSE(fs::exists(status));
+
+    // A file another process put in place after ours is not ours to remove.
+    ASSERT_EQ(t4mi_standard_to_derived_params(), 0);
+    t4mi_ready_write(1, "Ready to serve data");
+    t4test::write_file(status + ".other", "{}");
+    fs::rename(status + ".other", status);
+    t4mi_free_all();
+    EXPECT_EQ(t4test::read_file(status), "{}");
+}
+
+TEST_F(Derived, AStatusFileThatCannotBeWrittenIsReportedOnce)
+{
+    t4test::write_file(dir / "a.txt", "x");
+    t4mi_file = dir / "a.txt";
+    ASSERT_EQ(t4mi_standard_to_derived_params(), 0);
+    const std::string status = t4mi_file_metadir + "/status.json";
+    t4test::make_dirs(status);
+    testing::internal::CaptureStderr();
+    t4mi_status_write(100, "");
+    t4mi_ready_write(1, "Ready to serve data");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "WARNING: Cannot write status file '" + status + "': Is a directory\n");
+    fs::remove(status);
+    t4mi_ready_write(1, "Ready to serve data");
+    EXPECT_TRUE(fs::is_regular_file(status));
+}
+
 TEST(SelfTest, Passes) { EXPECT_EQ(t4mi_self_test(), 0); }
 
 TEST(SlidingWindow, MapsTheStartOfAShortFileWithZerosBeyondIt)

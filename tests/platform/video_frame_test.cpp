@@ -105,7 +105,7 @@ TEST(VideoFrameManager, FlushUnusedTakesUnheldFramesUpToTheLimit)
     }
     EXPECT_EQ(m.flush_unused_frames(1), 1u);
     EXPECT_EQ(deleted, (std::vector<int64_t>{1}));
-    EXPECT_EQ(m.flush_unused_frames(999999), 2u);
+    EXPECT_EQ(m.flush_unused_frames(FLUSH_EVERYTHING), 2u);
     EXPECT_EQ(deleted, (std::vector<int64_t>{1, 3, 4}));
     EXPECT_EQ(m.size(), 1u);
     EXPECT_EQ(m.flush_all_frames(), 1u);  // held ones too

@@ -23,4 +23,11 @@ shared_buffer_session::~shared_buffer_session()
     tnb_total = previous_budget;
 }
 
+frame_cache_budget::frame_cache_budget(uint64_t bytes) : previous(picture_cache_budget)
+{
+    picture_cache_budget = bytes;
+}
+
+frame_cache_budget::~frame_cache_budget() { picture_cache_budget = previous; }
+
 } // namespace t4test

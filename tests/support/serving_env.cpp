@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <sstream>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -145,10 +146,11 @@ bool raw_socket::hung_up(int timeout_ms, const std::function<void()>& pump)
 // --- serving_process ------------------------------------------------------------
 
 serving_process::serving_process(const std::string& binary, const std::vector<std::string>& args,
-                                 const std::vector<std::string>& env)
+                                 const std::vector<std::string>& env, int given_err_fd)
     : err_file(dir / "stderr.txt")
 {
-    const int err_fd = open(err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    const int err_fd = given_err_fd >= 0 ? given_err_fd
+                                         : open(err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     child = fork();
     if (child == 0) {
         const int devnull = open("/dev/null", O_RDWR);
@@ -170,7 +172,7 @@ serving_process::serving_process(const std::string& binary, const std::vector<st
         execv(binary.c_str(), argv.data());
         _exit(127);
     }
-    if (err_fd >= 0)
+    if (err_fd >= 0 && err_fd != given_err_fd)
         close(err_fd);
 }
 
@@ -232,6 +234,37 @@ bool serving_process::stop(int sig, int timeout_ms, int* exit_status)
 }
 
 std::string serving_process::err() const { return read_file(err_file); }
+
+double serving_process::cpu_seconds() const
+{
+    // Fields 14 and 15 of /proc/<pid>/stat, after the command name in parentheses.
+    const std::string stat = read_file("/proc/" + std::to_string(child) + "/stat");
+    const auto close = stat.rfind(')');
+    if (child <= 0 || close == std::string::npos)
+        return -1;
+    std::istringstream in(stat.substr(close + 2));
+    std::string field;
+    unsigned long long utime = 0, stime = 0;
+    for (int i = 3; i <= 15 && in >> field; i++) {
+        if (i == 14)
+            utime = std::stoull(field);
+        else if (i == 15)
+            stime = std::stoull(field);
+    }
+    return double(utime + stime) / double(sysconf(_SC_CLK_TCK));
+}
+
+long serving_process::status_kib(const std::string& field) const
+{
+    if (child <= 0)
+        return -1;
+    std::istringstream in(read_file("/proc/" + std::to_string(child) + "/status"));
+    std::string line;
+    while (std::getline(in, line))
+        if (line.rfind(field + ":", 0) == 0)
+            return std::strtol(line.c_str() + field.size() + 1, nullptr, 10);
+    return -1;
+}
 
 // --- binaries -------------------------------------------------------------------
 

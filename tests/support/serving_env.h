@@ -68,10 +68,10 @@ private:
 class serving_process {
 public:
     // Starts `binary` with `args` and extra environment entries ("NAME=value";
-    // a bare "NAME" removes the variable); standard error goes to a file.
-    // Does not wait.
+    // a bare "NAME" removes the variable); standard error goes to a file, or
+    // to `err_fd` when one is given (err() is then empty). Does not wait.
     serving_process(const std::string& binary, const std::vector<std::string>& args,
-                    const std::vector<std::string>& env);
+                    const std::vector<std::string>& env, int err_fd = -1);
     // Kills the process if it still runs.
     ~serving_process();
     // Waits until "<metadir>/status.json" says ready; fills socket_path().
@@ -87,6 +87,12 @@ public:
     bool running();
     // Standard error so far.
     std::string err() const;
+    // CPU time the process used so far (user + system), in seconds; -1 when
+    // it is gone.
+    double cpu_seconds() const;
+    // A "kB" line of /proc/<pid>/status ("VmHWM", "VmRSS"), in KiB; -1 when
+    // it cannot be read.
+    long status_kib(const std::string& field) const;
 
 private:
     temp_dir dir;

@@ -2,6 +2,7 @@
 // result buffer and schedule data packets.
 #include <cstring>
 
+#include "platform/t4mi_globals.h"
 #include "support/test_env.h"
 #include "text/field_body.h"
 #include "text_fixture.h"
@@ -355,6 +356,60 @@ TEST_F(markup, ParseWithAFieldLongerThan511BytesNeverReturns)
         300);
     EXPECT_TRUE(r.timed_out);
     EXPECT_EQ(r.out, "");
+}
+
+// --- the hardened field body (--harden) ----------------------------------
+
+struct bounded_result {
+    bool dropped;
+    std::string body;
+    std::string rest;
+};
+
+bounded_result bounded(const std::string& text_after_brace)
+{
+    char body[FIELD_BODY_SIZE];
+    bool dropped = true;
+    const char* rest = collect_field_body_bounded(text_after_brace.c_str(), body, &dropped);
+    return {dropped, body, rest};
+}
+
+TEST(field_body, BoundedBodiesWithinTheLimitAreAsBefore)
+{
+    const std::string body511(511, 'x');
+    const auto full = bounded(body511 + "}%tail");
+    EXPECT_FALSE(full.dropped);
+    EXPECT_EQ(full.body, body511);
+    EXPECT_EQ(full.rest, "tail");
+    const auto open = bounded("time;now");
+    EXPECT_FALSE(open.dropped);
+    EXPECT_EQ(open.body, "time;now");
+    EXPECT_EQ(open.rest, "");
+}
+
+TEST(field_body, ABoundedBodyOver511BytesIsDroppedUpToItsClose)
+{
+    const auto r = bounded(std::string(512, 'x') + "}%tail%{b}%");
+    EXPECT_TRUE(r.dropped);
+    EXPECT_EQ(r.body, "");
+    EXPECT_EQ(r.rest, "tail%{b}%");
+    // Unclosed: the rest of the text goes with it.
+    const auto unclosed = bounded(std::string(511, 'x'));
+    EXPECT_TRUE(unclosed.dropped);
+    EXPECT_EQ(unclosed.rest, "");
+}
+
+TEST_F(markup, HardenedParseDropsAFieldOver511BytesAndGoesOn)
+{
+    t4mi_harden = 1;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(parse("A%{color;red;" + std::string(600, 'z') + "}%B%{color;red}%C"), "ABC");
+    const std::string err = testing::internal::GetCapturedStderr();
+    t4mi_harden = 0;
+    EXPECT_EQ(err, "WARNING: Field longer than 511 bytes dropped\n");
+    ASSERT_EQ(ctx.runs.size(), 3u);
+    expect_style(ctx.runs[1], ITEM_FONT.r, ITEM_FONT.g, ITEM_FONT.b, ITEM_FONT.a); // the dropped colour never applied
+    expect_style(ctx.runs[2], 255, 0, 0, ITEM_FONT.a);
 }
 
 // --- schedule data packets ------------------------------------------------

@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# How many items one core carries: N fresh servers pinned to one core, each
+# with a client paced at 30000/1001 frames/s at 1920x1080 (one line of
+# 900 px) on the other core, the clients' phases spread evenly over a frame
+# period as independent channels' are. N grows by DENSITY_STEP until some
+# client's p99 reply reaches 10 ms, then by one from the last N that passed.
+#
+#   bench/serve_density.sh [--scene full1080|lines1080|strip108] [-- SERVER SWITCHES]
+#
+# Prints one line per N (worst and median p99, worst max, late replies, the
+# servers' CPU share of their core) and the largest N that passed.
+#
+# Environment: SECONDS_PACED (15 per trial), DENSITY_START (4), DENSITY_STEP
+# (4), P99_LIMIT_MS (10), RATE (30000/1001), BENCH_CPU (0), CLIENT_CPU (1).
+set -euo pipefail
+exec python3 "$(dirname "$0")/serving_bench.py" density "$@"

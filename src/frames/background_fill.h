@@ -1,0 +1,11 @@
+// The background of a new frame: its four planes filled with one colour.
+#pragma once
+
+#include <cstdint>
+
+#include "frames/frame_buffer.h"
+
+// Fills the Y, U, V and alpha planes of `frame` (whole planes, stride bytes
+// included) with the bytes of `yuva`, a packed YUVA word (Y bits 0-7,
+// U 8-15, V 16-23, A 24-31).
+void fill_background(const my_AVIVideoRandomReader::common_codec_setup_yuv_params& frame, uint32_t yuva);

@@ -131,6 +131,25 @@ TEST_F(ShapedLayout, ACharacterTheFaceLacksTakesFontconfigsFace)
     EXPECT_EQ(glyphs[2].face, 2u);
 }
 
+TEST_F(ShapedLayout, ShapingRunsOncePerLayoutNeverPerFrame)
+{
+    scroll_settings.scrollSpeed = 1.0;
+    scroll_settings.space = 0; // the whole text (and its repetitions) in the picture from frame 0
+    auto* ctx = make_context(1920, 108);
+    lay_out(ctx, "\u0645\u0631\u062d\u0628\u0627 News \u0928\u092e\u0938\u094d\u0924\u0947");
+    const uint64_t generation = ctx->layout_generation;
+    const size_t glyphs = ctx->glyph_cache.size();
+    for (uint64_t n = 0; n < 40; n++)
+        render_pixels(ctx, n);
+    EXPECT_EQ(ctx->layout_generation, generation);
+    // Drawing only fills the glyph cache once; later frames find every glyph there.
+    const size_t warm = ctx->glyph_cache.size();
+    EXPECT_GE(warm, glyphs);
+    for (uint64_t n = 40; n < 80; n++)
+        render_pixels(ctx, n);
+    EXPECT_EQ(ctx->glyph_cache.size(), warm);
+}
+
 // Input that must lay out and render without crashing or hanging, in both
 // static and scrolling mode.
 class ShapedLayoutBadInput : public ShapedLayout, public ::testing::WithParamInterface<std::string> {};

@@ -7,21 +7,10 @@
 
 #include "fonts/font_fallback.h"
 #include "fonts/font_globals.h"
+#include "fonts/fontconfig_handles.h"
 #include "platform/fixed_paths.h"
 
 namespace {
-struct fc_config_deleter {
-    void operator()(FcConfig* c) const { FcConfigDestroy(c); }
-};
-struct fc_pattern_deleter {
-    void operator()(FcPattern* p) const { FcPatternDestroy(p); }
-};
-struct fc_object_set_deleter {
-    void operator()(FcObjectSet* o) const { FcObjectSetDestroy(o); }
-};
-struct fc_font_set_deleter {
-    void operator()(FcFontSet* s) const { FcFontSetDestroy(s); }
-};
 
 const char* first_string(FcPattern* font, const char* object)
 {
@@ -32,7 +21,7 @@ const char* first_string(FcPattern* font, const char* object)
 }
 
 // Kept for the fall-back lookups, which must see the fonts the catalogue saw.
-std::unique_ptr<FcConfig, fc_config_deleter> catalogue_config;
+fc_config_ptr catalogue_config;
 } // namespace
 
 FcConfig* font_catalogue_config() { return catalogue_config.get(); }
@@ -63,12 +52,12 @@ void build_font_catalogue()
     if (FcConfigAppFontAddDir(config, reinterpret_cast<const FcChar8*>(extra_dir.c_str())) != FcTrue)
         std::fprintf(stderr, "WARNING: Failed to add Tevrin font dir to config\n");
 
-    std::unique_ptr<FcPattern, fc_pattern_deleter> pattern(FcPatternCreate());
-    std::unique_ptr<FcObjectSet, fc_object_set_deleter> objects(
+    fc_pattern_ptr pattern(FcPatternCreate());
+    fc_object_set_ptr objects(
         FcObjectSetBuild(FC_FAMILY, FC_STYLE, FC_FILE, static_cast<char*>(nullptr)));
     if (!pattern || !objects)
         return;
-    std::unique_ptr<FcFontSet, fc_font_set_deleter> fonts(FcFontList(config, pattern.get(), objects.get()));
+    fc_font_set_ptr fonts(FcFontList(config, pattern.get(), objects.get()));
     if (!fonts || fonts->nfont < 1)
         return;
 

@@ -8,17 +8,9 @@
 
 #include "fonts/font_catalogue.h"
 #include "fonts/font_globals.h"
+#include "fonts/fontconfig_handles.h"
 
 namespace {
-struct fc_pattern_deleter {
-    void operator()(FcPattern* p) const { FcPatternDestroy(p); }
-};
-struct fc_charset_deleter {
-    void operator()(FcCharSet* c) const { FcCharSetDestroy(c); }
-};
-struct fc_font_set_deleter {
-    void operator()(FcFontSet* s) const { FcFontSetDestroy(s); }
-};
 
 // (file, face index) -> the face opened from it; null when it failed to open.
 std::map<std::pair<std::string, int>, FT_Face> opened_faces;
@@ -58,8 +50,8 @@ FT_Face ask_fontconfig(int32_t code, const std::string& family)
     FcConfig* config = font_catalogue_config();
     if (config == nullptr || ft_library == nullptr || code <= 0 || code > 0x10FFFF)
         return nullptr;
-    std::unique_ptr<FcPattern, fc_pattern_deleter> pattern(FcPatternCreate());
-    std::unique_ptr<FcCharSet, fc_charset_deleter> chars(FcCharSetCreate());
+    fc_pattern_ptr pattern(FcPatternCreate());
+    fc_charset_ptr chars(FcCharSetCreate());
     if (!pattern || !chars || !FcCharSetAddChar(chars.get(), FcChar32(code)))
         return nullptr;
     FcPatternAddCharSet(pattern.get(), FC_CHARSET, chars.get());
@@ -68,8 +60,7 @@ FT_Face ask_fontconfig(int32_t code, const std::string& family)
     FcConfigSubstitute(config, pattern.get(), FcMatchPattern);
     FcDefaultSubstitute(pattern.get());
     FcResult result = FcResultNoMatch;
-    std::unique_ptr<FcFontSet, fc_font_set_deleter> fonts(
-        FcFontSort(config, pattern.get(), FcFalse, nullptr, &result));
+    fc_font_set_ptr fonts(FcFontSort(config, pattern.get(), FcFalse, nullptr, &result));
     if (!fonts)
         return nullptr;
     for (int i = 0; i < fonts->nfont; i++) {

@@ -148,6 +148,26 @@ void plain_arabic_ticker_1920x108(benchmark::State& state)
     run(state, item_file("#-fontFamily=DejaVu Sans\n", ARABIC_TICKER_TEXT), 1920, 108, 600, 3000);
 }
 
+// One layout of the Arabic ticker, shaped or glyph by glyph: what a text
+// change costs once (the frames after it pay nothing for the shaping).
+void layout_arabic_ticker(benchmark::State& state, const std::string& settings)
+{
+    bench_item item(item_file(settings, ARABIC_TICKER_TEXT), 1920, 108);
+    if (item.ctx == nullptr) {
+        state.SkipWithError(("cannot open the item: " + item.error).c_str());
+        return;
+    }
+    item.session.frame(item.ctx, 0);
+    for (auto _ : state)
+        item.ctx->recompute_text_times();
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+void layout_shaped_arabic_ticker(benchmark::State& state)
+{
+    layout_arabic_ticker(state, "#-textShaping=1\n#-fontFamily=DejaVu Sans\n");
+}
+void layout_plain_arabic_ticker(benchmark::State& state) { layout_arabic_ticker(state, "#-fontFamily=DejaVu Sans\n"); }
+
 // The background fill alone: no text, so load_frame allocates, fills and stores.
 void background_only_1920x108(benchmark::State& state) { run(state, item_file("", ""), 1920, 108, 0, 3000); }
 void background_only_1920x1080(benchmark::State& state) { run(state, item_file("", ""), 1920, 1080, 0, 3000); }
@@ -161,5 +181,7 @@ BENCHMARK(one_line_1920x1080)->Unit(benchmark::kMicrosecond);
 BENCHMARK(shaped_ticker_1920x108)->Unit(benchmark::kMicrosecond);
 BENCHMARK(shaped_arabic_ticker_1920x108)->Unit(benchmark::kMicrosecond);
 BENCHMARK(plain_arabic_ticker_1920x108)->Unit(benchmark::kMicrosecond);
+BENCHMARK(layout_shaped_arabic_ticker)->Unit(benchmark::kMicrosecond);
+BENCHMARK(layout_plain_arabic_ticker)->Unit(benchmark::kMicrosecond);
 BENCHMARK(background_only_1920x108)->Unit(benchmark::kMicrosecond);
 BENCHMARK(background_only_1920x1080)->Unit(benchmark::kMicrosecond);

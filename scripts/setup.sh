@@ -13,6 +13,7 @@ packages=(
   pandoc dpkg-dev file
   libcpp-httplib-dev chromium chromium-driver python3-selenium
   fonts-liberation fonts-symbola fonts-noto-color-emoji fonts-wqy-microhei
+  libharfbuzz-dev libfribidi-dev libharfbuzz-bin fonts-dejavu-core fonts-noto-core
 )
 
 missing=()

@@ -69,6 +69,10 @@ bool apply_text_entry(const char* name, const char* value, int& new_context_only
         s.fontScale = int32_t(truncate_to_int64(std::strtod(value, nullptr) * 1000.0)); // not normalised
     else if (std::strcmp(name, "multiLine") == 0)
         s.multiLine = int32_t(std::strtol(value, nullptr, 10));
+    else if (std::strcmp(name, "textShaping") == 0)
+        apply_text_shaping(value);
+    else if (std::strcmp(name, "textDirection") == 0)
+        apply_text_direction(value);
     else if (std::strcmp(name, "text") == 0)
         s.text = value; // as given: no line folding
     else if (std::strcmp(name, "newcontextonly") == 0) {

@@ -30,11 +30,13 @@ for target in "${targets[@]}"; do
   # on purpose; --harden refuses it), so its inputs stay shorter.
   max_len=4096
   [ "$target" = markup_fuzz ] && max_len=510
+  extra=()
+  [ -f "$here/fuzz/${target%_fuzz}.dict" ] && extra+=(-dict="$here/fuzz/${target%_fuzz}.dict")
   mkdir -p "$work/$target"
   # The targets' own log lines go nowhere (-close_fd_mask=3); libFuzzer's
   # reports still reach stderr.
   if "$dir/fuzz/$target" -max_total_time="$seconds" -max_len="$max_len" -timeout=20 -rss_limit_mb=2048 \
-      -close_fd_mask=3 -print_final_stats=1 -artifact_prefix="$work/$target-" "$work/$target" "$seeds" \
+      -close_fd_mask=3 -print_final_stats=1 -artifact_prefix="$work/$target-" "${extra[@]}" "$work/$target" "$seeds" \
       >"$work/$target.log" 2>&1; then
     echo "fuzz: $target: $(grep -o 'stat::number_of_executed_units: *[0-9]*' "$work/$target.log" |
       grep -o '[0-9]*$') runs in ${seconds} s, no crash"

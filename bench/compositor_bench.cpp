@@ -31,6 +31,12 @@ const char* const EMOJI_TICKER_TEXT =
     "\u26A0 for the coast \U0001F327 through Thursday \u2600 City council \U0001F697 approves transit "
     "budget \U0001F697 Sports \U0001F3C6 Home team wins 3-1 \U0001F3C6 in overtime \U0001F3C6 thriller";
 
+// An Arabic news ticker of about the same length, for the shaped layout.
+const char* const ARABIC_TICKER_TEXT =
+    "عاجل: البنك المركزي يثبت أسعار الفائدة عند 4.25 في المئة بسبب تباطؤ التضخم +++ "
+    "الأسواق: ارتفاع المؤشر الرئيسي 0.6 في المئة +++ تحذير من عاصفة على الساحل الشمالي حتى مساء الخميس +++ "
+    "مجلس المدينة يقر ميزانية النقل الجديدة +++ رياضة: فوز الفريق المحلي 3-1";
+
 const char* const FOUR_LINES_TEXT =
     "BREAKING: Central bank holds interest rates steady at 4.25 percent, citing slower\n"
     "inflation +++ Markets: DOW 38,450 up 0.6, NASDAQ 15,320 up 1.1 +++ Storm warning\n"
@@ -125,6 +131,43 @@ void emoji_ticker_1920x108(benchmark::State& state)
     run(state, item_file("", EMOJI_TICKER_TEXT), 1920, 108, 600, 3000);
 }
 
+// The ticker of (a) in the shaped layout (HarfBuzz, FriBidi), to hold beside (a).
+void shaped_ticker_1920x108(benchmark::State& state)
+{
+    run(state, item_file("#-textShaping=1\n", TICKER_TEXT), 1920, 108, 600, 3000);
+}
+
+// (d) an Arabic ticker in DejaVu Sans, shaped (joined, right to left), and
+// the same text glyph by glyph, to hold it beside.
+void shaped_arabic_ticker_1920x108(benchmark::State& state)
+{
+    run(state, item_file("#-textShaping=1\n#-fontFamily=DejaVu Sans\n", ARABIC_TICKER_TEXT), 1920, 108, 600, 3000);
+}
+void plain_arabic_ticker_1920x108(benchmark::State& state)
+{
+    run(state, item_file("#-fontFamily=DejaVu Sans\n", ARABIC_TICKER_TEXT), 1920, 108, 600, 3000);
+}
+
+// One layout of the Arabic ticker, shaped or glyph by glyph: what a text
+// change costs once (the frames after it pay nothing for the shaping).
+void layout_arabic_ticker(benchmark::State& state, const std::string& settings)
+{
+    bench_item item(item_file(settings, ARABIC_TICKER_TEXT), 1920, 108);
+    if (item.ctx == nullptr) {
+        state.SkipWithError(("cannot open the item: " + item.error).c_str());
+        return;
+    }
+    item.session.frame(item.ctx, 0);
+    for (auto _ : state)
+        item.ctx->recompute_text_times();
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+void layout_shaped_arabic_ticker(benchmark::State& state)
+{
+    layout_arabic_ticker(state, "#-textShaping=1\n#-fontFamily=DejaVu Sans\n");
+}
+void layout_plain_arabic_ticker(benchmark::State& state) { layout_arabic_ticker(state, "#-fontFamily=DejaVu Sans\n"); }
+
 // The background fill alone: no text, so load_frame allocates, fills and stores.
 void background_only_1920x108(benchmark::State& state) { run(state, item_file("", ""), 1920, 108, 0, 3000); }
 void background_only_1920x1080(benchmark::State& state) { run(state, item_file("", ""), 1920, 1080, 0, 3000); }
@@ -135,5 +178,10 @@ BENCHMARK(ticker_1920x108)->Unit(benchmark::kMicrosecond);
 BENCHMARK(four_lines_1920x1080)->Unit(benchmark::kMicrosecond);
 BENCHMARK(emoji_ticker_1920x108)->Unit(benchmark::kMicrosecond);
 BENCHMARK(one_line_1920x1080)->Unit(benchmark::kMicrosecond);
+BENCHMARK(shaped_ticker_1920x108)->Unit(benchmark::kMicrosecond);
+BENCHMARK(shaped_arabic_ticker_1920x108)->Unit(benchmark::kMicrosecond);
+BENCHMARK(plain_arabic_ticker_1920x108)->Unit(benchmark::kMicrosecond);
+BENCHMARK(layout_shaped_arabic_ticker)->Unit(benchmark::kMicrosecond);
+BENCHMARK(layout_plain_arabic_ticker)->Unit(benchmark::kMicrosecond);
 BENCHMARK(background_only_1920x108)->Unit(benchmark::kMicrosecond);
 BENCHMARK(background_only_1920x1080)->Unit(benchmark::kMicrosecond);

@@ -23,5 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (!(s.fontScale == -1 || s.fontScale >= 1) || s.multiLine < 0 || s.space < 0.0 ||
         s.static_ != (s.scrollSpeed <= 0.0))
         __builtin_trap();
+    // The shaped-layout settings only ever hold their known values.
+    if (s.textShaping > 1 || s.textDirection > TEXT_DIRECTION_RTL)
+        __builtin_trap();
     return 0;
 }

@@ -87,6 +87,19 @@ def markup():
     yield "bad_utf8", b"A\xffB\xc3C\xe2\x82D\x80E"
 
 
+def shaping():
+    texts = {
+        "latin": "Breaking news: markets close higher",
+        "arabic": "\u0645\u0631\u062d\u0628\u0627 \u0628\u0627\u0644\u0639\u0627\u0644\u0645",
+        "hebrew_digits": "\u05e9\u05dc\u05d5\u05dd 2026 world",
+        "cjk": "\u4e2d\u6587 \u65e5\u672c\u8a9e",
+        "emoji": "Weather \u2726 sunny \U0001f600",
+        "combining": "e\u0301 a\u0308 \u0915\u094d\u0937",
+    }
+    for name, t in texts.items():
+        yield name, t.encode()
+
+
 def copies(folder, pattern):
     for path in sorted(folder.glob(pattern)):
         yield path.stem, path.read_bytes()
@@ -96,6 +109,7 @@ TARGETS = {
     "packet_fuzz": packets,
     "item_file_fuzz": item_files,
     "markup_fuzz": markup,
+    "shaping_fuzz": shaping,
     "rss_fuzz": lambda: copies(ROOT / "tests" / "items" / "data" / "rss_corpus", "*.xml"),
     "weather_json_fuzz": lambda: copies(ROOT / "tests" / "text" / "data" / "json_corpus", "*.json"),
 }

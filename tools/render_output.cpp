@@ -70,7 +70,8 @@ bool y4m_writer::write_frame(const t4mi_client_frame& f, std::string* error)
                  std::to_string(height);
         return false;
     }
-    bool ok = std::fputs("FRAME\n", out) >= 0;
+    bool ok = tagged ? std::fprintf(out, "FRAME XFRAME=%llu\n", static_cast<unsigned long long>(f.frame_number)) > 0
+                     : std::fputs("FRAME\n", out) >= 0;
     const uint8_t* planes[4] = {f.y, f.u, f.v, f.alpha};
     const uint32_t strides[4] = {f.y_stride, f.u_stride, f.v_stride, f.alpha_stride};
     for (int i = 0; i < 4 && ok; i++) {
@@ -83,9 +84,20 @@ bool y4m_writer::write_frame(const t4mi_client_frame& f, std::string* error)
             }
         }
     }
-    if (!ok)
+    if (!ok) {
+        last_errno = errno;
         *error = std::string("cannot write a frame: ") + std::strerror(errno);
+    }
     return ok;
+}
+
+bool y4m_writer::flush(std::string* error)
+{
+    if (out == nullptr || std::fflush(out) == 0)
+        return true;
+    last_errno = errno;
+    *error = std::string("cannot write a frame: ") + std::strerror(errno);
+    return false;
 }
 
 bool y4m_writer::close(std::string* error)

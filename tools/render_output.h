@@ -22,11 +22,23 @@ public:
               uint32_t pixel_aspect_num, uint32_t pixel_aspect_den, std::string* error);
     // False when the frame's size differs or writing fails.
     bool write_frame(const t4mi_client_frame& frame, std::string* error);
+    // Hands what is buffered to the output now (a live frame leaves whole).
+    bool flush(std::string* error);
     bool close(std::string* error);
+    // From now on every frame header names the frame number it shows
+    // ("FRAME XFRAME=<n>"), for readers that check which frames came.
+    // FFmpeg skips the tag when it reads on, but works out positions and
+    // timestamps from the untagged frame size, so a tagged file does not
+    // seek there.
+    void tag_frames() { tagged = true; }
+    // The errno of the last failed write (EPIPE: the reader went away).
+    int write_errno() const { return last_errno; }
 
 private:
     FILE* out = nullptr;
     bool own = false;
+    bool tagged = false;
+    int last_errno = 0;
     uint32_t width = 0, height = 0;
     std::vector<uint8_t> row;
 };

@@ -5,6 +5,9 @@
 // It either connects to a server that already runs (--socket), or starts
 // one for an item file (--item) with a private metadata directory, waits
 // until the server reports ready, and stops it at the end.
+//
+// With --live it paces the frames against the clock instead of rendering as
+// fast as it can (live_render.h).
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -21,6 +24,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "live_render.h"
 #include "platform/args.h"
 #include "platform/t4mi_client.h"
 #include "render_output.h"
@@ -35,6 +39,8 @@ const char* const usage =
     "  --item FILE         start a server for this item file (private metadata directory)\n"
     "  --type MIME         the item's type, passed to the server (needed for text/plain)\n"
     "  --server BIN        the server program (default: t4mi_scrolltext beside this tool, or on PATH)\n"
+    "  --metadir DIR       with --item: the server's metadata directory (its control socket is\n"
+    "                      found there, e.g. by t4mi_control --metadir DIR)\n"
     "  --out FILE          Y4M output with alpha (yuva444p); \"-\" for standard output\n"
     "  --size WxH          picture size (default 1920x1080)\n"
     "  --rate NUM/DEN      frames per second (default 30000/1001)\n"
@@ -48,13 +54,20 @@ const char* const usage =
     "  --sheet FILE        contact sheet PNG of evenly spaced frames\n"
     "  --sheet-count N     frames on the contact sheet (default 12)\n"
     "  --timeout SECONDS   bound on every wait for the server (default 30)\n"
+    "  --live              pace frames at the rate against the clock; runs until SIGINT/SIGTERM\n"
+    "                      unless --frames or --seconds is given; needs --out\n"
+    "  --drop-late         with --live: skip frames whose time has passed rather than fall behind\n"
+    "  --frame-tags        name each frame's number in its Y4M frame header (FRAME XFRAME=N),\n"
+    "                      for readers of their own; FFmpeg cannot seek in such a file\n"
     "  --version           print the version and exit\n";
 
 struct options {
-    std::string socket, item, type, server, out, png_dir, sheet;
+    std::string socket, item, type, server, metadir, out, png_dir, sheet;
     uint32_t width = 1920, height = 1080;
     int64_t rate_num = 30000, rate_den = 1001;
     bool fields = false;
+    bool live = false, drop_late = false, frame_tags = false;
+    bool length_given = false;  // --frames or --seconds
     int64_t aspect_num = 0, aspect_den = 0;
     uint64_t start = 0;
     uint64_t frames = 0;
@@ -102,8 +115,9 @@ int parse_args(int argc, char** argv, options* o)
         } else if (a == "--version") {
             t4mi_print_version("t4mi_render");
             return 0;
-        } else if (a == "--fields") {
-            o->fields = true;
+        } else if (a == "--fields" || a == "--live" || a == "--drop-late" || a == "--frame-tags") {
+            (a == "--fields" ? o->fields : a == "--live" ? o->live : a == "--drop-late" ? o->drop_late : o->frame_tags) =
+                true;
             continue;
         } else if ((v = value()) == nullptr) {
             std::fprintf(stderr, "t4mi_render: %s needs a value\n%s", a.c_str(), usage);
@@ -118,6 +132,8 @@ int parse_args(int argc, char** argv, options* o)
             o->type = v;
         else if (a == "--server")
             o->server = v;
+        else if (a == "--metadir")
+            o->metadir = v;
         else if (a == "--out")
             o->out = v;
         else if (a == "--png-dir")
@@ -133,9 +149,9 @@ int parse_args(int argc, char** argv, options* o)
         else if (a == "--start")
             ok = parse_count(v, &o->start) && o->start <= uint64_t(INT64_MAX);
         else if (a == "--frames")
-            ok = parse_count(v, &o->frames) && o->frames > 0;
+            ok = parse_count(v, &o->frames) && o->frames > 0 && (o->length_given = true);
         else if (a == "--seconds")
-            ok = (o->seconds = std::strtod(v, nullptr)) > 0.0 && o->seconds < 1e7;
+            ok = (o->seconds = std::strtod(v, nullptr)) > 0.0 && o->seconds < 1e7 && (o->length_given = true);
         else if (a == "--png-every")
             ok = parse_count(v, &o->png_every) && o->png_every > 0;
         else if (a == "--sheet-count")
@@ -153,6 +169,18 @@ int parse_args(int argc, char** argv, options* o)
     }
     if (o->socket.empty() == o->item.empty()) {
         std::fprintf(stderr, "t4mi_render: give exactly one of --socket and --item\n%s", usage);
+        return 2;
+    }
+    if (!o->metadir.empty() && o->item.empty()) {
+        std::fprintf(stderr, "t4mi_render: --metadir goes with --item\n");
+        return 2;
+    }
+    if (o->drop_late && !o->live) {
+        std::fprintf(stderr, "t4mi_render: --drop-late goes with --live\n");
+        return 2;
+    }
+    if (o->live && (o->out.empty() || !o->png_dir.empty() || !o->sheet.empty())) {
+        std::fprintf(stderr, "t4mi_render: --live writes a video only: give --out, without --png-dir or --sheet\n");
         return 2;
     }
     if (o->out.empty() && o->png_dir.empty() && o->sheet.empty()) {
@@ -191,7 +219,8 @@ public:
         dir = tmpl;
         log = dir + "/server.log";
         const std::string binary = find_server(o.server);
-        std::vector<std::string> args = {binary, "--file", fs::absolute(o.item).string(), "--metadir", dir + "/meta"};
+        meta = o.metadir.empty() ? dir + "/meta" : fs::absolute(o.metadir).string();
+        std::vector<std::string> args = {binary, "--file", fs::absolute(o.item).string(), "--metadir", meta};
         if (!o.type.empty()) {
             args.push_back("--type");
             args.push_back(o.type);
@@ -217,7 +246,7 @@ public:
         }
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(o.timeout_s);
         while (std::chrono::steady_clock::now() < deadline) {
-            if (t4mi_client_read_ready(dir + "/meta", socket_path))
+            if (t4mi_client_read_ready(meta, socket_path))
                 return true;
             int status = 0;
             if (waitpid(pid, &status, WNOHANG) == pid) {
@@ -271,7 +300,7 @@ private:
     }
 
     pid_t pid = -1;
-    std::string dir, log;
+    std::string dir, log, meta;
     bool keep_dir = false;
 };
 
@@ -283,6 +312,27 @@ void progress(uint64_t done, uint64_t total, double elapsed)
                  "########################################", width - filled, "", static_cast<unsigned long long>(done),
                  static_cast<unsigned long long>(total), elapsed > 0 ? double(done) / elapsed : 0.0);
     std::fflush(stderr);
+}
+
+int render_live(const options& o, t4mi_client& client, y4m_writer& y4m, int64_t rate_num, int64_t rate_den,
+                uint64_t count)
+{
+    live_settings s;
+    s.first_frame = o.start;
+    s.count = count;
+    s.rate_num = rate_num;
+    s.rate_den = rate_den;
+    s.drop_late = o.drop_late;
+    live_totals t;
+    const int status = run_live(s, client, y4m, &t);
+    std::fprintf(stderr,
+                 "t4mi_render: live: %llu frames of %ux%u in %.2f s at %.3f frames/s; %llu late (up to %.1f ms), "
+                 "%llu dropped%s\n",
+                 static_cast<unsigned long long>(t.written), o.width, o.height, t.seconds,
+                 double(rate_num) / double(rate_den), static_cast<unsigned long long>(t.late),
+                 double(t.worst_late_ns) / 1e6, static_cast<unsigned long long>(t.dropped),
+                 t.stopped ? "; stopped by a signal" : "");
+    return status;
 }
 
 uint64_t gcd(uint64_t a, uint64_t b) { return b == 0 ? a : gcd(b, a % b); }
@@ -321,6 +371,10 @@ int render(const options& o, t4mi_client& client)
         std::fprintf(stderr, "t4mi_render: %s\n", error.c_str());
         return 1;
     }
+    if (o.frame_tags)
+        y4m.tag_frames();
+    if (o.live)
+        return render_live(o, client, y4m, rate_num, rate_den, o.length_given ? count : 0);
     if (!o.png_dir.empty()) {
         std::error_code ec;
         fs::create_directories(o.png_dir, ec);
@@ -401,6 +455,11 @@ int main(int argc, char** argv)
     if (!client.connect(socket_path, o.timeout_s * 1000)) {
         std::fprintf(stderr, "t4mi_render: %s\n", client.error().c_str());
         return 1;
+    }
+    if (o.live) {
+        // Text changes reach the frames through this socket (t4mi_control --socket).
+        std::fprintf(stderr, "t4mi_render: live; control socket %s\n", socket_path.c_str());
+        live_catch_stop_signals();
     }
     const int status = render(o, client);
     client.close();

@@ -5,22 +5,12 @@
 #include <fontconfig/fontconfig.h>
 #include <memory>
 
+#include "fonts/font_fallback.h"
 #include "fonts/font_globals.h"
+#include "fonts/fontconfig_handles.h"
 #include "platform/fixed_paths.h"
 
 namespace {
-struct fc_config_deleter {
-    void operator()(FcConfig* c) const { FcConfigDestroy(c); }
-};
-struct fc_pattern_deleter {
-    void operator()(FcPattern* p) const { FcPatternDestroy(p); }
-};
-struct fc_object_set_deleter {
-    void operator()(FcObjectSet* o) const { FcObjectSetDestroy(o); }
-};
-struct fc_font_set_deleter {
-    void operator()(FcFontSet* s) const { FcFontSetDestroy(s); }
-};
 
 const char* first_string(FcPattern* font, const char* object)
 {
@@ -29,10 +19,17 @@ const char* first_string(FcPattern* font, const char* object)
         return nullptr;
     return reinterpret_cast<const char*>(value);
 }
+
+// Kept for the fall-back lookups, which must see the fonts the catalogue saw.
+fc_config_ptr catalogue_config;
 } // namespace
+
+FcConfig* font_catalogue_config() { return catalogue_config.get(); }
 
 void clear_font_catalogue()
 {
+    clear_fallback_faces();
+    catalogue_config.reset();
     for (auto& [family, styles] : font_catalogue)
         for (auto& [style, entry] : styles)
             if (entry.face != nullptr) {
@@ -47,19 +44,20 @@ void build_font_catalogue()
     clear_font_catalogue();
     if (FcInit() != FcTrue)
         return;
-    std::unique_ptr<FcConfig, fc_config_deleter> config(FcInitLoadConfigAndFonts());
-    if (!config)
+    catalogue_config.reset(FcInitLoadConfigAndFonts());
+    FcConfig* config = catalogue_config.get();
+    if (config == nullptr)
         return;
     const std::string extra_dir = t4mi_fixed_path(T4MI_EXTRA_FONT_DIR);
-    if (FcConfigAppFontAddDir(config.get(), reinterpret_cast<const FcChar8*>(extra_dir.c_str())) != FcTrue)
+    if (FcConfigAppFontAddDir(config, reinterpret_cast<const FcChar8*>(extra_dir.c_str())) != FcTrue)
         std::fprintf(stderr, "WARNING: Failed to add Tevrin font dir to config\n");
 
-    std::unique_ptr<FcPattern, fc_pattern_deleter> pattern(FcPatternCreate());
-    std::unique_ptr<FcObjectSet, fc_object_set_deleter> objects(
+    fc_pattern_ptr pattern(FcPatternCreate());
+    fc_object_set_ptr objects(
         FcObjectSetBuild(FC_FAMILY, FC_STYLE, FC_FILE, static_cast<char*>(nullptr)));
     if (!pattern || !objects)
         return;
-    std::unique_ptr<FcFontSet, fc_font_set_deleter> fonts(FcFontList(config.get(), pattern.get(), objects.get()));
+    fc_font_set_ptr fonts(FcFontList(config, pattern.get(), objects.get()));
     if (!fonts || fonts->nfont < 1)
         return;
 
@@ -84,7 +82,9 @@ FT_Face find_font_face(const char* family, const char* style)
     }
     auto& styles = fam->second;
     auto entry = styles.find(style);
-    for (const char* stand_in : {"Regular", "Medium", "Roman"}) {
+    // "Book" and "Normal" come last, so a family that has one of the first
+    // three keeps the face it always had.
+    for (const char* stand_in : {"Regular", "Medium", "Roman", "Book", "Normal"}) {
         if (entry != styles.end())
             break;
         entry = styles.find(stand_in);

@@ -6,15 +6,22 @@
 #include FT_FREETYPE_H
 
 class scrolling_text_client_context;
+typedef struct _FcConfig FcConfig;
 
 // Clears the catalogue (closing its faces) and lists the fonts again.
 void build_font_catalogue();
 
-// Closes every face the catalogue opened and empties it.
+// Closes every face the catalogue opened (and the fall-back faces of
+// fonts/font_fallback.h) and empties it.
 void clear_font_catalogue();
 
-// The face of (family, style), opened on first use; "Regular", "Medium" and
-// "Roman" stand in for a missing style. Null (with a warning) when unknown or
+// The fontconfig setup the catalogue was listed from (with the extra font
+// directory), owned by the catalogue until clear_font_catalogue; null before
+// the first build or when fontconfig failed.
+FcConfig* font_catalogue_config();
+
+// The face of (family, style), opened on first use; "Regular", "Medium",
+// "Roman", "Book" and "Normal" (in that order) stand in for a missing style. Null (with a warning) when unknown or
 // when the file cannot be opened.
 FT_Face find_font_face(const char* family, const char* style);
 

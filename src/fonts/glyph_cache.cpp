@@ -147,6 +147,26 @@ font_bmp_cache_storage* emoji_record(const scrolling_text_client_context* ctx, c
     return bmp;
 }
 
+// Glyph `index` of shaped face `face` (1-based) at the line height; null for
+// the missing glyph 0, an unknown face or a line that fits no glyph.
+font_bmp_cache_storage* load_shaped_glyph(scrolling_text_client_context* ctx, uint64_t line_height, int32_t index,
+                                          uint32_t face)
+{
+    const int64_t pixel_size = glyph_pixel_size(ctx, line_height);
+    if (index == 0 || face > ctx->shaped_faces.size() || pixel_size <= 0 || ctx->reader == nullptr ||
+        line_height == 0 || line_height > max_line_height)
+        return nullptr;
+    FT_Face ft = ctx->shaped_faces[face - 1];
+    if (ft == nullptr)
+        return nullptr;
+    if (FT_Set_Pixel_Sizes(ft, 0, FT_UInt(pixel_size)) != 0)
+        std::fprintf(stderr, "WARNING: FT_Set_Pixel_Sizes() failed\n");
+    FT_GlyphSlot g = render_glyph(ctx, ft, FT_UInt(index));
+    if (g == nullptr || g->bitmap.width >= 4096 || g->bitmap.rows >= 4096)
+        return nullptr;
+    return glyph_record(g, int64_t(line_height), pixel_size, scroll_settings.fontScale > 0, ctx->shadow_offset_y);
+}
+
 } // namespace
 
 bool is_emoji_candidate(int32_t code)
@@ -154,36 +174,43 @@ bool is_emoji_candidate(int32_t code)
     return (code >= 0x2000 && code <= 0x3FFF) || (code >= 0x1F000 && code <= 0x1FFFF);
 }
 
-font_bmp_cache_storage* get_font_bmp(scrolling_text_client_context* ctx, uint64_t line_height, int32_t code)
+font_bmp_cache_storage* get_font_bmp(scrolling_text_client_context* ctx, uint64_t line_height, int32_t code,
+                                     uint32_t face)
 {
     if (code < 0)
         return nullptr;
-    const glyph_cache_key key{line_height, code};
+    const glyph_cache_key key{line_height, code, face};
     if (const auto it = ctx->glyph_cache.find(key); it != ctx->glyph_cache.end())
         return it->second;
-    font_bmp_cache_storage* bmp = ctx->load_font_bmp(line_height, code);
+    font_bmp_cache_storage* bmp = ctx->load_font_bmp(line_height, code, face);
     ctx->glyph_cache.emplace(key, bmp);
     return bmp;
 }
 
-font_bmp_cache_storage* scrolling_text_client_context::load_font_bmp(uint64_t line_height, int32_t code)
+int64_t glyph_pixel_size(const scrolling_text_client_context* ctx, uint64_t line_height)
 {
+    // Line heights beyond the limit are refused by the loads; their products
+    // may wrap here harmlessly (unsigned).
+    if (scroll_settings.fontScale > 0) {
+        const uint64_t p = uint64_t(scroll_settings.fontScale) * line_height;
+        return p > 1999 ? int64_t(p / 1000) : 2;
+    }
+    return int64_t(line_height) - std::abs(int64_t(ctx->shadow_offset_y)) - (int64_t(ctx->shadow_blur_radius) + 1) / 2;
+}
+
+font_bmp_cache_storage* scrolling_text_client_context::load_font_bmp(uint64_t line_height, int32_t code,
+                                                                      uint32_t face)
+{
+    if (face != 0)
+        return load_shaped_glyph(this, line_height, code, face);
     const font_bmp_cache_storage* emoji = nullptr;
     if (is_emoji_candidate(code) && scroll_settings.emoji)
         emoji = get_emoji_bmp(code);
 
-    // Pixel size. Line heights beyond the limit are refused below; their
-    // products may wrap here harmlessly (unsigned).
     const bool scaled = scroll_settings.fontScale > 0;
-    int64_t pixel_size;
-    if (scaled) {
-        const uint64_t p = uint64_t(scroll_settings.fontScale) * line_height;
-        pixel_size = p > 1999 ? int64_t(p / 1000) : 2;
-    } else {
-        pixel_size = int64_t(line_height) - std::abs(int64_t(shadow_offset_y)) - (int64_t(shadow_blur_radius) + 1) / 2;
-        if (pixel_size <= 0)
-            return nullptr;
-    }
+    const int64_t pixel_size = glyph_pixel_size(this, line_height);
+    if (pixel_size <= 0)
+        return nullptr;
 
     current_face = font_face_for_settings(scroll_settings.fontFamily.c_str(), scroll_settings.fontStyle.c_str());
     if (current_face == nullptr)

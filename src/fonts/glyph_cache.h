@@ -15,8 +15,15 @@ class scrolling_text_client_context;
 struct font_bmp_cache_storage;
 
 // The record of `code` at `line_height` (pixels), owned by ctx->glyph_cache,
-// or null: a cached failure, or a negative code (not cached).
-font_bmp_cache_storage* get_font_bmp(scrolling_text_client_context* ctx, uint64_t line_height, int32_t code);
+// or null: a cached failure, or a negative code (not cached). With `face`
+// n > 0, `code` is a glyph index of ctx->shaped_faces[n - 1] (the shaped
+// layout); glyph 0, the missing glyph, gives null.
+font_bmp_cache_storage* get_font_bmp(scrolling_text_client_context* ctx, uint64_t line_height, int32_t code,
+                                     uint32_t face = 0);
+
+// The pixel size glyphs of a `line_height` line are rendered at: the font
+// scale of it, or the line less the shadow's room; 0 or less: none fit.
+int64_t glyph_pixel_size(const scrolling_text_client_context* ctx, uint64_t line_height);
 
 // True for the characters that may have an emoji image: U+2000..U+3FFF and
 // U+1F000..U+1FFFF.

@@ -140,27 +140,29 @@ void shadow_box_blur(uint8_t* plane, int32_t width, int32_t height, int32_t stri
         box_filter_lanes<1>(plane + x, 0, stride, height, r, m);
 }
 
-font_bmp_cache_storage* get_shadow_bmp(scrolling_text_client_context* ctx, uint64_t line_height, int32_t code)
+font_bmp_cache_storage* get_shadow_bmp(scrolling_text_client_context* ctx, uint64_t line_height, int32_t code,
+                                       uint32_t face)
 {
     if (code < 0)
         return nullptr;
     if (ctx->shadow_blur_radius == 0)
-        return get_font_bmp(ctx, line_height, code);
-    const glyph_cache_key key{line_height, code};
+        return get_font_bmp(ctx, line_height, code, face);
+    const glyph_cache_key key{line_height, code, face};
     if (const auto it = ctx->shadow_cache.find(key); it != ctx->shadow_cache.end())
         return it->second;
-    font_bmp_cache_storage* shadow = ctx->load_shadow_bmp(line_height, code);
+    font_bmp_cache_storage* shadow = ctx->load_shadow_bmp(line_height, code, face);
     ctx->shadow_cache.emplace(key, shadow);
     return shadow;
 }
 
-font_bmp_cache_storage* scrolling_text_client_context::load_shadow_bmp(uint64_t line_height, int32_t code)
+font_bmp_cache_storage* scrolling_text_client_context::load_shadow_bmp(uint64_t line_height, int32_t code,
+                                                                        uint32_t face)
 {
     T4MI_ASSERT(shadow_blur_radius >= 0);
     const int32_t r = shadow_blur_radius;
     if (r > max_blur_radius)
         return nullptr;
-    const font_bmp_cache_storage* g = get_font_bmp(this, line_height, code);
+    const font_bmp_cache_storage* g = get_font_bmp(this, line_height, code, face);
     if (g == nullptr)
         return nullptr;
 

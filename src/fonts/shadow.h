@@ -12,7 +12,9 @@ struct font_bmp_cache_storage;
 // the shadow cache is not used. Otherwise the record is owned by
 // ctx->shadow_cache; null (cached) for a radius above 64 or a missing glyph.
 // A negative code gives null, uncached. A negative radius aborts.
-font_bmp_cache_storage* get_shadow_bmp(scrolling_text_client_context* ctx, uint64_t line_height, int32_t code);
+// `face` as for get_font_bmp.
+font_bmp_cache_storage* get_shadow_bmp(scrolling_text_client_context* ctx, uint64_t line_height, int32_t code,
+                                       uint32_t face = 0);
 
 // The in-place box blur of a shadow plane: a horizontal pass over every row,
 // then a vertical pass over every column, each with filter length r + 1 and

@@ -139,8 +139,9 @@ public:
 
     // --- glyphs (fonts/) -----------------------------------------------------
     // Uncached loads; use get_font_bmp / get_shadow_bmp, which cache.
-    struct font_bmp_cache_storage* load_font_bmp(uint64_t line_height, int32_t code);
-    struct font_bmp_cache_storage* load_shadow_bmp(uint64_t line_height, int32_t code);
+    // `face` n > 0: `code` is a glyph index of shaped_faces[n - 1].
+    struct font_bmp_cache_storage* load_font_bmp(uint64_t line_height, int32_t code, uint32_t face = 0);
+    struct font_bmp_cache_storage* load_shadow_bmp(uint64_t line_height, int32_t code, uint32_t face = 0);
     // Frees every glyph and shadow record and empties both caches.
     void clear_bitmap_caches();
 
@@ -169,6 +170,10 @@ public:
     FT_Face current_face = nullptr; // set afresh by every glyph load and kerning query
     glyph_bitmap_cache glyph_cache;
     glyph_bitmap_cache shadow_cache;
+    // The faces of the shaped layout's glyphs (frames/shaped_layout.cpp),
+    // owned by the font catalogue or the fall-back registry; set by each
+    // shaped layout, which also clears the caches keyed by them.
+    std::vector<FT_Face> shaped_faces;
 
     // Layout results.
     std::map<uint64_t, std::vector<placed_glyph>> glyph_placements; // strip x -> glyphs

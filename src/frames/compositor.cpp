@@ -65,28 +65,28 @@ void draw_placed(scrolling_text_client_context* ctx, frame_painter& painter, con
     const uint64_t size = uint64_t(pg.pixel_size);
     const int64_t hs = int64_t(ctx->h_scale);
     if (pg.code >= 0) {
-        const font_bmp_cache_storage* sh = ctx->shadow_blur_radius == 0 ? get_font_bmp(ctx, size, pg.code)
-                                                                         : get_shadow_bmp(ctx, size, pg.code);
+        const font_bmp_cache_storage* sh = ctx->shadow_blur_radius == 0 ? get_font_bmp(ctx, size, pg.code, pg.face)
+                                                                         : get_shadow_bmp(ctx, size, pg.code, pg.face);
         if (sh != nullptr && sh->plane_a != nullptr) {
             const uint32_t colour = rgba_to_yuva(pg.style.sr, pg.style.sg, pg.style.sb, pg.style.sa);
             if ((colour >> 24) != 0) {
                 const int64_t sx = ((int64_t(sh->x_offset) * hs) >> 8) + x0 + ((int64_t(ctx->shadow_offset_x) * hs) >> 8);
                 if (sx < W) {
-                    const int64_t sy = int64_t(ctx->shadow_offset_y) + pg.line_top + sh->y_offset;
+                    const int64_t sy = int64_t(ctx->shadow_offset_y) + pg.line_top + pg.dy + sh->y_offset;
                     if (sy < H && ctx->h_scale >= 1)
                         painter.draw(int32_t(sx), int32_t(sy), sh, colour, ctx->h_scale);
                 }
             }
         }
     }
-    const font_bmp_cache_storage* g = get_font_bmp(ctx, size, pg.code);
+    const font_bmp_cache_storage* g = get_font_bmp(ctx, size, pg.code, pg.face);
     if (g == nullptr || g->plane_a == nullptr)
         return;
     const uint32_t colour = rgba_to_yuva(pg.style.r, pg.style.g, pg.style.b, pg.style.a);
     if ((colour >> 24) == 0)
         return;
     const int64_t gx = ((int64_t(g->x_offset) * hs) >> 8) + x0;
-    const int64_t gy = int64_t(pg.line_top) + g->y_offset;
+    const int64_t gy = int64_t(pg.line_top) + pg.dy + g->y_offset;
     if (gx < W && gy < H && ctx->h_scale >= 1)
         painter.draw(int32_t(gx), int32_t(gy), g, colour, ctx->h_scale);
 }

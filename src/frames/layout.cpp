@@ -101,7 +101,6 @@ layout_geometry layout_geometry_for(const scrolling_text_client_context& ctx, co
 std::vector<uint64_t> measure_static_lines(scrolling_text_client_context& ctx, const layout_geometry& geo,
                                            const scroll_settings_record& s)
 {
-    const int64_t W = geo.width;
     std::vector<int64_t> widths;
     int64_t w = 0;
     int32_t previous = 0;
@@ -120,7 +119,13 @@ std::vector<uint64_t> measure_static_lines(scrolling_text_client_context& ctx, c
     }
     if (w != 0)
         widths.push_back(w);
+    return static_line_starts(ctx, geo, s, widths);
+}
 
+std::vector<uint64_t> static_line_starts(scrolling_text_client_context& ctx, const layout_geometry& geo,
+                                         const scroll_settings_record& s, const std::vector<int64_t>& widths)
+{
+    const int64_t W = geo.width;
     // Squeeze the widest line into the picture, and justify each line within
     // the squeezed width.
     const int64_t widest = widths.empty() ? 0 : *std::max_element(widths.begin(), widths.end());
@@ -271,9 +276,14 @@ void scrolling_text_client_context::recompute_text_times()
     shadow_offset_y = round_half_up(s.shadowY * H / L);
 
     h_scale = 256;
-    std::vector<uint64_t> line_starts =
-        geo.is_static ? measure_static_lines(*this, geo, s) : std::vector<uint64_t>(size_t(geo.lines), geo.gap);
-    const uint64_t text_end = place_glyphs(*this, geo, std::move(line_starts));
+    uint64_t text_end = 0;
+    if (s.textShaping != 0) {
+        text_end = place_shaped_glyphs(*this, geo, s);
+    } else {
+        std::vector<uint64_t> line_starts =
+            geo.is_static ? measure_static_lines(*this, geo, s) : std::vector<uint64_t>(size_t(geo.lines), geo.gap);
+        text_end = place_glyphs(*this, geo, std::move(line_starts));
+    }
     fix_motion(*this, geo, s, text_end);
 
     reader->frame_manager.flush_unused_frames(FLUSH_EVERYTHING);

@@ -10,9 +10,8 @@
 //                            step and the item length.
 //
 // Each phase writes its results into the context and reads only what the
-// phases before it left there. A placement of another kind (shaped text, for
-// one) is a function beside place_glyphs that walks the runs with the same
-// strip_pen, and a pass over the placed glyphs runs between phases 2 and 3.
+// phases before it left there. The shaped layout (place_shaped_glyphs) takes
+// the place of phases 1 and 2 and walks its lines with the same strip_pen.
 // All positions are picture pixels of the reader's frame size.
 #pragma once
 
@@ -42,6 +41,12 @@ layout_geometry layout_geometry_for(const scrolling_text_client_context& ctx, co
 // every line (at least `geo.lines` entries; left-justified lines start at 0).
 std::vector<uint64_t> measure_static_lines(scrolling_text_client_context& ctx, const layout_geometry& geo,
                                            const scroll_settings_record& s);
+
+// The squeeze and justification of phase 1 from the measured width of each
+// line (pixels): sets ctx.h_scale and returns the line starts as
+// measure_static_lines does.
+std::vector<uint64_t> static_line_starts(scrolling_text_client_context& ctx, const layout_geometry& geo,
+                                         const scroll_settings_record& s, const std::vector<int64_t>& widths);
 
 // The pen of a placement walk: the strip x where the next glyph goes, the
 // line it is on, and the widest x any line reached. Line feeds and paragraph
@@ -79,6 +84,13 @@ private:
 // Returns where the text ends on the strip (strip_pen::end).
 uint64_t place_glyphs(scrolling_text_client_context& ctx, const layout_geometry& geo,
                       std::vector<uint64_t> line_starts);
+
+// Phases 1 and 2 of the shaped layout (-textShaping=1,
+// frames/shaped_layout.cpp): shapes every line once, measures and squeezes
+// static lines from the shaped widths, and places the glyphs in visual order
+// with the same strip_pen. Sets ctx.shaped_faces. Returns the text's end.
+uint64_t place_shaped_glyphs(scrolling_text_client_context& ctx, const layout_geometry& geo,
+                             const scroll_settings_record& s);
 
 // Phase 3: sets ctx.cycle_length from the text's end and the `space`
 // setting, then the motion: ctx.scroll_step (1/4096 pixel), ctx.frames_per_step

@@ -1,6 +1,7 @@
 #include "items/scroll_settings.h"
 
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>
@@ -47,6 +48,33 @@ void reset_scroll_settings(bool rss)
     s.fontScale = -1;
     s.multiLine = -1;
     s.static_ = 0;
+    s.textShaping = 0;
+    s.textDirection = TEXT_DIRECTION_AUTO;
+}
+
+void apply_text_shaping(const char* value)
+{
+    if (std::strcmp(value, "0") == 0 || std::strcmp(value, "1") == 0) {
+        scroll_settings.textShaping = uint8_t(value[0] - '0');
+        return;
+    }
+    std::fprintf(stderr, "WARNING: unknown textShaping %s\n", value);
+    scroll_settings.textShaping = 0;
+}
+
+void apply_text_direction(const char* value)
+{
+    uint8_t& d = scroll_settings.textDirection;
+    if (strcasecmp(value, "auto") == 0)
+        d = TEXT_DIRECTION_AUTO;
+    else if (strcasecmp(value, "ltr") == 0)
+        d = TEXT_DIRECTION_LTR;
+    else if (strcasecmp(value, "rtl") == 0)
+        d = TEXT_DIRECTION_RTL;
+    else {
+        std::fprintf(stderr, "WARNING: unknown textDirection %s\n", value);
+        d = TEXT_DIRECTION_AUTO;
+    }
 }
 
 bool apply_scroll_setting(const std::string& key, const char* value, bool rss, pending_opacities& op)
@@ -96,6 +124,10 @@ bool apply_scroll_setting(const std::string& key, const char* value, bool rss, p
         s.fontScale = int32_t(rss ? truncate_to_int64(v) * 1000 : truncate_to_int64(v * 1000.0));
     } else if (key == "-multiLine") {
         s.multiLine = int32_t(std::strtol(value, nullptr, 10));
+    } else if (key == "-textShaping") {
+        apply_text_shaping(value);
+    } else if (key == "-textDirection") {
+        apply_text_direction(value);
     } else {
         return false;
     }

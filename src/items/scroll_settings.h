@@ -36,10 +36,23 @@ struct scroll_settings_record {
     int32_t multiLine = 1;       // text lines; 0: count them from the text
     // `static` in the item's vocabulary; a C++ keyword, hence the underscore.
     uint8_t static_ = 0;         // equals (scrollSpeed <= 0.0) after every load
+    uint8_t textShaping = 0;     // 0 glyph by glyph; 1 shaped (bidi, HarfBuzz, script fallback; docs/shaping.md)
+    uint8_t textDirection = 0;   // shaped paragraph direction: TEXT_DIRECTION_AUTO, _LTR or _RTL
     int64_t file_mtime = 0;      // item file's modification second at the last load; 0 never
 };
 
 extern scroll_settings_record scroll_settings;
+
+// The values of scroll_settings_record::textDirection.
+inline constexpr uint8_t TEXT_DIRECTION_AUTO = 0; // the first strong character decides
+inline constexpr uint8_t TEXT_DIRECTION_LTR = 1;
+inline constexpr uint8_t TEXT_DIRECTION_RTL = 2;
+
+// The shaped-layout settings, shared by the item-file loader and the live
+// text packet. An unknown value sets the default and prints
+// "WARNING: unknown textShaping %s\n" (or textDirection).
+void apply_text_shaping(const char* value);
+void apply_text_direction(const char* value);
 
 // The number of text lines the picture is divided into (set by the layout).
 extern int32_t line_count;

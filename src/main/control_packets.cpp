@@ -15,6 +15,7 @@
 #include "items/colour.h"
 #include "items/scroll_settings.h"
 #include "main/file_watch.h"
+#include "main/stats_packet.h"
 #include "platform/packet.h"
 #include "platform/t4mi_assert.h"
 #include "platform/t4mi_globals.h"
@@ -68,6 +69,10 @@ bool apply_text_entry(const char* name, const char* value, int& new_context_only
         s.fontScale = int32_t(truncate_to_int64(std::strtod(value, nullptr) * 1000.0)); // not normalised
     else if (std::strcmp(name, "multiLine") == 0)
         s.multiLine = int32_t(std::strtol(value, nullptr, 10));
+    else if (std::strcmp(name, "textShaping") == 0)
+        apply_text_shaping(value);
+    else if (std::strcmp(name, "textDirection") == 0)
+        apply_text_direction(value);
     else if (std::strcmp(name, "text") == 0)
         s.text = value; // as given: no line folding
     else if (std::strcmp(name, "newcontextonly") == 0) {
@@ -151,6 +156,10 @@ int my_custom_packet_handler(comm_socket_v4_packet* request, comm_socket_v4_pack
     }
     if (std::strcmp(command, "v4::text") == 0) {
         handle_text(request, respkt);
+        return 1;
+    }
+    if (std::strcmp(command, "v4::stats") == 0) {
+        handle_stats(respkt);
         return 1;
     }
     return 0;

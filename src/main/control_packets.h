@@ -1,4 +1,5 @@
-// The program's own control-socket commands: "reload" and "v4::text".
+// The program's own control-socket commands: "reload" and "v4::text", and
+// "v4::stats" for operator tools (main/stats_packet.h).
 #pragma once
 
 struct comm_socket_v4_packet;

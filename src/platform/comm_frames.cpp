@@ -6,7 +6,9 @@
 #include <string>
 
 #include "platform/client_context.h"
+#include "platform/clock.h"
 #include "platform/comm_server_p.h"
+#include "platform/serve_stats.h"
 #include "platform/t4mi_globals.h"
 #include "platform/tnb.h"
 
@@ -58,6 +60,7 @@ void reply_frame(t4mi_connection* c, const t4mi_pending_packet& pp, const t4mi_f
             c->buffers_sent.insert(loc.buffer);
     }
     connection_queue(c, r, COMM_SOCKET_V4_FLAG_REPLY, pp.header.request_id, fd);
+    serve_stats_frame_served(monotonic_clock_us());
 }
 
 } // namespace

@@ -103,12 +103,25 @@ TEST_F(FontCatalogue, MissingStyleFallsBackToRegularWithoutWarning)
 
 TEST_F(FontCatalogue, NoRequestedStyleAndNoStandInGivesNull)
 {
-    // DejaVu Sans calls its upright style "Book": neither Regular, Medium nor Roman.
-    build_with({{"/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf", "dejavu.ttf"}});
+    // DejaVu Sans ExtraLight is catalogued as family "DejaVu Sans", style
+    // "ExtraLight": none of Regular, Medium, Roman, Book or Normal.
+    build_with({{"/usr/share/fonts/truetype/dejavu/DejaVuSans-ExtraLight.ttf", "dejavu_light.ttf"}});
     testing::internal::CaptureStderr();
     EXPECT_EQ(find_font_face("DejaVu Sans", "Italic"), nullptr);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "WARNING: unknown font style Italic\n");
-    EXPECT_NE(find_font_face("DejaVu Sans", "Book"), nullptr);
+    EXPECT_NE(find_font_face("DejaVu Sans", "ExtraLight"), nullptr);
+}
+
+TEST_F(FontCatalogue, BookStandsInForAMissingStyle)
+{
+    // DejaVu Sans calls its upright style "Book".
+    build_with({{"/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf", "dejavu.ttf"}});
+    testing::internal::CaptureStderr();
+    FT_Face face = find_font_face("DejaVu Sans", "");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Loading and initing font DejaVu Sans style \n");
+    ASSERT_NE(face, nullptr);
+    EXPECT_STREQ(face->style_name, "Book");
+    EXPECT_EQ(find_font_face("DejaVu Sans", "Italic"), face);
 }
 
 TEST_F(FontCatalogue, FileWithoutExtensionIsNeverCatalogued)

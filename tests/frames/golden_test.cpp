@@ -18,12 +18,14 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "frames/compose_fixture.h"
 #include "frames/reader.h"
+#include "frames/script_fonts.h"
 #include "frames/yuva_png.h"
 #include "items/item_types.h"
 #include "items/scroll_settings.h"
@@ -46,6 +48,7 @@ struct golden_case {
     int32_t width, height;
     int64_t aspect_num, aspect_den;
     std::vector<uint64_t> frames;
+    bool script_fonts = false; // fontconfig sees the script fonts (frames/script_fonts.h) instead
 };
 
 // All at 30000/1001 frames a second.
@@ -59,6 +62,10 @@ const golden_case CASES[] = {
     {"squeezed", 1920, 108, 0, 0, {0}},
     {"ntsc43", 720, 480, 4, 3, {150}},
     {"emoji", 1920, 108, 0, 0, {150}},
+    // Shaped layout (-textShaping=1).
+    {"shaped_arabic", 1920, 216, 0, 0, {0}, true},
+    {"shaped_hebrew", 1920, 216, 0, 0, {0}, true},
+    {"shaped_devanagari", 1920, 108, 0, 0, {0}, true},
 };
 
 void PrintTo(const golden_case& c, std::ostream* os) { *os << c.name; }
@@ -153,6 +160,9 @@ TEST_P(Golden, FramesMatchTheirReferences)
     const golden_case& g = GetParam();
     const std::string emoji = compose_fixed_root() + T4MI_EMOJI_IMAGE_DIR + "/emoji_u1f534.png";
     write_red_disc(emoji);
+    std::optional<script_fonts> fonts;
+    if (g.script_fonts)
+        fonts.emplace();
     open_item item(read_file(GOLDEN_DIR + "/" + g.name + ".txt"), "application/x-tevrin-scrolling-text");
     load_message();
     auto* ctx = make_context(g.width, g.height, 30000, 1001, g.aspect_num, g.aspect_den);

@@ -392,3 +392,21 @@ TEST_F(RssLastFetch, AKnownLastDownloadIsKept)
 }
 
 } // namespace
+
+namespace {
+
+TEST_F(RssItemFile, TextShapingAndDirectionAreRead)
+{
+    write_item("#Tevrin4RSS\n#-textShaping=1\n#-textDirection=rtl\n");
+    load_rss_feed();
+    EXPECT_EQ(scroll_settings.textShaping, 1);
+    EXPECT_EQ(scroll_settings.textDirection, TEXT_DIRECTION_RTL);
+    write_item("#Tevrin4RSS\n#-textShaping=on\n");
+    stderr_capture err;
+    load_rss_feed();
+    EXPECT_EQ(scroll_settings.textShaping, 0);
+    EXPECT_EQ(scroll_settings.textDirection, TEXT_DIRECTION_AUTO);
+    EXPECT_NE(err.text().find("WARNING: unknown textShaping on\n"), std::string::npos);
+}
+
+} // namespace

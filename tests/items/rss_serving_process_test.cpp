@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "frames/client_context.h"
@@ -406,6 +407,34 @@ TEST_F(ServingProcessRss, ADeadServerNeverStallsTheServeLoop)
     EXPECT_EQ(count("Download timeout\n"), 0);
     EXPECT_EQ(t4test::read_file(meta + "/rss.xml"), FEED_A);
     // Shutting down does not wait for the child either.
+    stop();
+}
+
+// "v4::stats" names the feed an operator sees: its address, the interval,
+// how long ago it was fetched, and one entry per feed item.
+TEST_F(ServingProcessRss, StatsShowTheFeedAddressLastFetchAndEntries)
+{
+    publish("feed.xml", FEED_A);
+    rss_test::local_http_server server(served);
+    ASSERT_NE(server.port(), 0);
+    start(item_for(server.url("/feed.xml"), 30));
+    ASSERT_TRUE(wait_until([&] { return count("RSS feed changed\n") >= 1; }, 15000)) << proc->err();
+    auto c = client();
+    ASSERT_TRUE(c);
+    comm_socket_v4_packet request;
+    request.command = "v4::stats";
+    t4mi_client_reply reply;
+    ASSERT_TRUE(c->call(request, &reply)) << c->error();
+    ASSERT_TRUE(reply.ok());
+    const auto stats = nlohmann::json::parse(std::string(reply.packet.data.data(), reply.packet.data_length()));
+    const auto& feed = stats["feed"];
+    ASSERT_TRUE(feed.is_object()) << stats.dump();
+    EXPECT_EQ(feed["url"], server.url("/feed.xml"));
+    EXPECT_DOUBLE_EQ(feed["interval"].get<double>(), 30.0);
+    ASSERT_TRUE(feed["last_fetch_age"].is_number());
+    EXPECT_GE(feed["last_fetch_age"].get<double>(), 0.0);
+    EXPECT_LT(feed["last_fetch_age"].get<double>(), 30.0);  // fetched once, at start-up
+    EXPECT_EQ(feed["entries"], (nlohmann::json{"Alpha - One two & three.", "Second"}));
     stop();
 }
 

@@ -213,3 +213,43 @@ TEST_F(ScrollTextLoader, NonRegularFileIsReportedAndLeavesTheRecord)
 }
 
 } // namespace
+
+namespace {
+
+TEST_F(ScrollTextLoader, ShapingIsOffAndTheDirectionAutomaticByDefault)
+{
+    const auto& s = load("plain\n");
+    EXPECT_EQ(s.textShaping, 0);
+    EXPECT_EQ(s.textDirection, TEXT_DIRECTION_AUTO);
+}
+
+TEST_F(ScrollTextLoader, TextShapingAndDirectionAreRead)
+{
+    const auto& s = load("#-textShaping=1\n#-textDirection=RTL\n");
+    EXPECT_EQ(s.textShaping, 1);
+    EXPECT_EQ(s.textDirection, TEXT_DIRECTION_RTL);
+    EXPECT_EQ(load("#-textShaping=1\n#-textDirection=ltr\n").textDirection, TEXT_DIRECTION_LTR);
+    EXPECT_EQ(load("#-textDirection=rtl\n#-textDirection=auto\n").textDirection, TEXT_DIRECTION_AUTO);
+    // Every load starts from the defaults.
+    EXPECT_EQ(load("text\n").textShaping, 0);
+}
+
+TEST_F(ScrollTextLoader, UnknownShapingValuesFallBackToTheDefaultsWithAWarning)
+{
+    for (const char* value : {"2", "yes", "", " 1", "1.0", "-1"}) {
+        SCOPED_TRACE(value);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(load(std::string("#-textShaping=1\n#-textShaping=") + value + "\n").textShaping, 0);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), std::string("WARNING: unknown textShaping ") + value + "\n");
+    }
+    for (const char* value : {"up", "", "rtl ", "right"}) {
+        SCOPED_TRACE(value);
+        testing::internal::CaptureStderr();
+        const auto& s = load(std::string("#-textDirection=rtl\n#-textDirection=") + value + "\n");
+        EXPECT_EQ(s.textDirection, TEXT_DIRECTION_AUTO);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  std::string("WARNING: unknown textDirection ") + value + "\n");
+    }
+}
+
+} // namespace

@@ -6,8 +6,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <map>
-#include <sstream>
 
 #include "frames/yuva_png.h"
 #include "platform/t4mi_client.h"
@@ -23,18 +21,6 @@ constexpr const char* ITEM =
     "#-backgroundColor=ff0000\n"
     "#-backgroundOpacity=0.5\n"
     "Breaking news\n";
-
-// "key=value" lines of ffprobe's default output.
-std::map<std::string, std::string> key_values(const std::string& text)
-{
-    std::map<std::string, std::string> m;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line))
-        if (const auto eq = line.find('='); eq != std::string::npos)
-            m[line.substr(0, eq)] = line.substr(eq + 1);
-    return m;
-}
 
 class ServingProcessTools : public ::testing::Test {
 protected:
@@ -81,7 +67,7 @@ TEST_F(ServingProcessTools, RenderWritesAY4mThatFfmpegReadsAsYuva444p)
                              "stream=width,height,pix_fmt,nb_read_frames,r_frame_rate", "-of",
                              "default=noprint_wrappers=1", dir / "out.y4m"});
     ASSERT_EQ(probe.exit_status, 0) << probe.err;
-    const auto kv = key_values(probe.out);
+    const auto kv = t4test::key_values(probe.out);
     EXPECT_EQ(kv.at("width"), "320");
     EXPECT_EQ(kv.at("height"), "64");
     EXPECT_EQ(kv.at("pix_fmt"), "yuva444p");

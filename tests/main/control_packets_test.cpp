@@ -178,3 +178,25 @@ TEST_F(ControlPackets, ATextPastItsLimitIsRefusedAndNothingOfThePacketApplies)
 }
 
 } // namespace
+
+namespace {
+
+TEST_F(ControlPackets, TextShapingAndDirectionAreLiveSettings)
+{
+    send_text({{"textShaping", "1"}, {"textDirection", "rtl"}});
+    EXPECT_EQ(scroll_settings.textShaping, 1);
+    EXPECT_EQ(scroll_settings.textDirection, TEXT_DIRECTION_RTL);
+    EXPECT_TRUE(a->text_dirty);
+    EXPECT_TRUE(b->text_dirty);
+    a->text_dirty = b->text_dirty = false;
+    // An unknown value sets the default, with the loader's warning, and still counts as a change.
+    testing::internal::CaptureStderr();
+    send_text({{"textShaping", "maybe"}, {"textDirection", "sideways"}});
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "WARNING: unknown textShaping maybe\nWARNING: unknown textDirection sideways\n");
+    EXPECT_EQ(scroll_settings.textShaping, 0);
+    EXPECT_EQ(scroll_settings.textDirection, TEXT_DIRECTION_AUTO);
+    EXPECT_TRUE(a->text_dirty);
+}
+
+} // namespace

@@ -146,16 +146,19 @@ bool raw_socket::hung_up(int timeout_ms, const std::function<void()>& pump)
 // --- serving_process ------------------------------------------------------------
 
 serving_process::serving_process(const std::string& binary, const std::vector<std::string>& args,
-                                 const std::vector<std::string>& env, int given_err_fd)
+                                 const std::vector<std::string>& env, int given_err_fd, bool pipe_output)
     : err_file(dir / "stderr.txt")
 {
     const int err_fd = given_err_fd >= 0 ? given_err_fd
                                          : open(err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    int out_pipe[2] = {-1, -1};
+    if (pipe_output && pipe2(out_pipe, O_CLOEXEC) != 0)
+        out_pipe[0] = out_pipe[1] = -1;
     child = fork();
     if (child == 0) {
         const int devnull = open("/dev/null", O_RDWR);
         dup2(devnull, 0);
-        dup2(devnull, 1);
+        dup2(out_pipe[1] >= 0 ? out_pipe[1] : devnull, 1);
         dup2(err_fd, 2);
         for (const auto& e : env) {
             const auto eq = e.find('=');
@@ -174,15 +177,26 @@ serving_process::serving_process(const std::string& binary, const std::vector<st
     }
     if (err_fd >= 0 && err_fd != given_err_fd)
         close(err_fd);
+    if (out_pipe[1] >= 0)
+        close(out_pipe[1]);
+    out_fd = out_pipe[0];
 }
 
 serving_process::~serving_process()
 {
+    close_output();
     if (child > 0 && running()) {
         kill(child, SIGKILL);
         int status = 0;
         waitpid(child, &status, 0);
     }
+}
+
+void serving_process::close_output()
+{
+    if (out_fd >= 0)
+        close(out_fd);
+    out_fd = -1;
 }
 
 bool serving_process::running()

@@ -70,8 +70,10 @@ public:
     // Starts `binary` with `args` and extra environment entries ("NAME=value";
     // a bare "NAME" removes the variable); standard error goes to a file, or
     // to `err_fd` when one is given (err() is then empty). Does not wait.
+    // With `pipe_output` its standard output is a pipe that this process
+    // reads from output_fd() (owned here); else /dev/null.
     serving_process(const std::string& binary, const std::vector<std::string>& args,
-                    const std::vector<std::string>& env, int err_fd = -1);
+                    const std::vector<std::string>& env, int err_fd = -1, bool pipe_output = false);
     // Kills the process if it still runs.
     ~serving_process();
     // Waits until "<metadir>/status.json" says ready; fills socket_path().
@@ -79,6 +81,9 @@ public:
     bool wait_ready(const std::string& metadir, int timeout_ms = 20000, bool detaches = false);
     const std::string& socket_path() const { return socket; }
     pid_t pid() const { return child; }
+    int output_fd() const { return out_fd; }
+    // Closes this end of the output pipe, as a reader that goes away.
+    void close_output();
     // Sends `sig` and waits up to `timeout_ms` for the exit. True when it
     // exited; `exit_status` gets the status (-1 when killed by a signal).
     bool stop(int sig, int timeout_ms, int* exit_status);
@@ -99,6 +104,7 @@ private:
     pid_t child = -1;
     bool exited = false;
     int exit_code = -1;     // exit status, -1 when a signal ended it
+    int out_fd = -1;        // the read end of its standard output, with pipe_output
     std::string socket;
     std::string err_file;
 };

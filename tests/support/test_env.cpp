@@ -43,6 +43,17 @@ void write_file(const std::string& path, const std::string& content)
     out << content;
 }
 
+std::map<std::string, std::string> key_values(const std::string& text)
+{
+    std::map<std::string, std::string> m;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line))
+        if (const auto eq = line.find('='); eq != std::string::npos)
+            m[line.substr(0, eq)] = line.substr(eq + 1);
+    return m;
+}
+
 std::string read_file(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);

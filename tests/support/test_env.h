@@ -44,6 +44,8 @@ private:
 void write_file(const std::string& path, const std::string& content);
 std::string read_file(const std::string& path);
 void make_dirs(const std::string& path);
+// "key=value" lines (ffprobe's default output) by key; other lines skipped.
+std::map<std::string, std::string> key_values(const std::string& text);
 
 // A redirected installation tree; sets T4MI_ROOT for this process while it
 // lives (restoring the previous value after).

@@ -96,8 +96,9 @@ def shaping():
         "emoji": "Weather \u2726 sunny \U0001f600",
         "combining": "e\u0301 a\u0308 \u0915\u094d\u0937",
     }
-    for name, t in texts.items():
-        yield name, t.encode()
+    # The target reads a direction byte, then UTF-32 code points.
+    for i, (name, t) in enumerate(texts.items()):
+        yield name, bytes([i % 3]) + t.encode("utf-32-le")
 
 
 def copies(folder, pattern):

@@ -5,7 +5,7 @@
 #   bench/compare_drawtext.sh [BUILD_DIR]
 #
 # Environment:
-#   DRAWTEXT_ANCHOR  the drawtext script (default /work/shared/bench/drawtext-anchor.sh);
+#   DRAWTEXT_ANCHOR  the drawtext script (default ../shared/bench/drawtext-anchor.sh beside the project);
 #                    it prints "scene frames seconds fps" per scene
 #   DRAWTEXT_FRAMES  frames per drawtext scene (default 3000)
 #   BENCH_CPU        the core to pin both to (default 0)
@@ -19,7 +19,7 @@
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$here/build}
-anchor=${DRAWTEXT_ANCHOR:-/work/shared/bench/drawtext-anchor.sh}
+anchor=${DRAWTEXT_ANCHOR:-$here/../shared/bench/drawtext-anchor.sh}
 frames=${DRAWTEXT_FRAMES:-3000}
 cpu=${BENCH_CPU:-0}
 

@@ -305,7 +305,9 @@ private:
             d++;
         uint64_t m = 0;
         int digits = 0, e = 0;
-        for (; is_digit(*d) || *d == '.'; d++) {
+        // Bounded by the token's end: what follows it may look like more
+        // digits ("0.7070.7e"), and the parse fails there only after this.
+        for (; d != p_ && (is_digit(*d) || *d == '.'); d++) {
             if (*d == '.')
                 continue;
             if (m == 0 && *d == '0')
@@ -317,7 +319,7 @@ private:
         const char* dot = static_cast<const char*>(std::memchr(start, '.', size_t(d - start)));
         if (dot != nullptr)
             e -= int(d - dot - 1);
-        if (*d == 'e' || *d == 'E') {
+        if (d != p_ && (*d == 'e' || *d == 'E')) {
             d++;
             const bool minus = *d == '-';
             if (*d == '+' || *d == '-')

@@ -309,6 +309,18 @@ TEST(Json11Values, NumbersAreReadAsStrtodReadsThem)
     }
 }
 
+TEST(Json11Parse, ANumberEndsWhereItsTokenEnds)
+{
+    // What follows a number can look like more of it; reading its value must
+    // stop at the token's end, and the document then fails on what follows.
+    // The first one once sent the value's reader past the end of the text.
+    for (const std::string text : {"{\"pF\": 0.7070.7e}A", "[1.5.5e3]", "[2.5e3.5e9]", "[0.1.", "[7.0e"}) {
+        std::string err;
+        EXPECT_TRUE(parse(text, err).is_null()) << text;
+        EXPECT_NE(err, "") << text;
+    }
+}
+
 TEST(Json11Parse, NulByteAnywhereIsAnError)
 {
     const std::vector<std::pair<std::string, json11::JsonParse>> cases = {

@@ -1,24 +1,24 @@
 #!/usr/bin/env bash
 # CI stage: every libFuzzer target in fuzz/ for a few seconds from its seed
-# corpus (fuzz/corpus/<target>/), with ASan and UBSan, in build-fuzz/. A
-# crash, a sanitizer report, a leak or a timeout fails the stage; the input
-# that did it is kept and its path printed. New inputs go to a temporary
-# directory, never into the repository's corpus.
-#   bash .ci/fuzz-smoke.sh [SECONDS_PER_TARGET]     (default 10)
+# corpus (fuzz/corpus/<target>/), with ASan and UBSan. The targets come from
+# the sanitizer tree build-asan/ (.ci/sanitized-tree.sh), which
+# .ci/asan-test.sh has built already in a CI run; alone, this configures it
+# when it is missing and builds the targets only. A crash, a sanitizer
+# report, a leak or a timeout fails the stage; the input that did it is kept
+# and its path printed. New inputs go to a temporary directory, never into
+# the repository's corpus.
+#   bash .ci/fuzz-smoke.sh [SECONDS_PER_TARGET]     (default 5)
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
-dir="$here/build-fuzz"
-seconds=${1:-10}
+. "$here/.ci/sanitized-tree.sh"
+seconds=${1:-5}
 start=$(date +%s)
-rm -rf "$dir"
-cmake -S "$here" -B "$dir" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1" -DT4MI_SANITIZE="address;undefined;fuzzer-no-link" \
-  -DT4MI_BUILD_FUZZ=ON -DT4MI_BUILD_TESTS=OFF -DT4MI_BUILD_BENCH=OFF -DT4MI_WERROR=ON >/dev/null
+sanitized_tree_is_current || configure_sanitized_tree
 targets=()
 for src in "$here"/fuzz/*_fuzz.cpp; do
   targets+=("$(basename "$src" .cpp)")
 done
-cmake --build "$dir" -j"$(nproc)" --target "${targets[@]}"
+cmake --build "$sanitized_tree" -j"$(nproc)" --target "${targets[@]}"
 echo "ci: fuzz build: $(($(date +%s) - start)) s"
 
 work=$(mktemp -d /var/tmp/t4mi-fuzz.XXXXXX)
@@ -35,7 +35,7 @@ for target in "${targets[@]}"; do
   mkdir -p "$work/$target"
   # The targets' own log lines go nowhere (-close_fd_mask=3); libFuzzer's
   # reports still reach stderr.
-  if "$dir/fuzz/$target" -max_total_time="$seconds" -max_len="$max_len" -timeout=20 -rss_limit_mb=2048 \
+  if "$sanitized_tree/fuzz/$target" -max_total_time="$seconds" -max_len="$max_len" -timeout=20 -rss_limit_mb=2048 \
       -close_fd_mask=3 -print_final_stats=1 -artifact_prefix="$work/$target-" "${extra[@]}" "$work/$target" "$seeds" \
       >"$work/$target.log" 2>&1; then
     echo "fuzz: $target: $(grep -o 'stat::number_of_executed_units: *[0-9]*' "$work/$target.log" |

@@ -20,6 +20,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return 0;
     load_message();
     const scroll_settings_record& s = scroll_settings;
+    // The outline and direction settings only ever hold usable values.
+    if (!(s.outlineWidth >= 0.0) ||
+        (s.scrollDirection != scroll_direction_left && s.scrollDirection != scroll_direction_right))
+        __builtin_trap();
     if (!(s.fontScale == -1 || s.fontScale >= 1) || s.multiLine < 0 || s.space < 0.0 ||
         s.static_ != (s.scrollSpeed <= 0.0))
         __builtin_trap();

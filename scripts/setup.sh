@@ -10,7 +10,7 @@ packages=(
   g++ cmake make pkg-config python3
   libfreetype-dev libfontconfig-dev libxml2-dev libpng-dev nlohmann-json3-dev curl
   libgtest-dev libgmock-dev libbenchmark-dev ffmpeg
-  pandoc dpkg-dev file clang libclang-rt-14-dev
+  pandoc dpkg-dev file clang libclang-rt-14-dev lld
   libcpp-httplib-dev chromium chromium-driver python3-selenium
   fonts-liberation fonts-symbola fonts-noto-color-emoji fonts-wqy-microhei
   libharfbuzz-dev libfribidi-dev libharfbuzz-bin fonts-dejavu-core fonts-noto-core

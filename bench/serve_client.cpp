@@ -9,6 +9,11 @@
 //     frame before released once the new one is read, as a playout system
 //     that shows each frame at its time does.
 //
+// `--preroll N` takes N more frames back to back after the warm-up frame,
+// unmeasured, as a playout system cues an item before air; the measured
+// frames follow them. Paced, the last one stays held until the start, its
+// hold renewed every second.
+//
 // "Read" is `--touch`: `all` sums every visible byte of the four planes (a
 // client that uses the picture), `pages` reads one byte of each page of the
 // frame (enough to map it, for many clients on one core), `none`.
@@ -19,7 +24,12 @@
 //   latency_us P50 P99 MAX (request sent to reply read, measured frames),
 //   late N (paced: replies later than one frame period),
 //   client_minflt N (this process's minor faults over the measured frames),
-//   checksum X.
+//   checksum X,
+//   server_measured TICKS FAULTS (with `--server-pid`: the server's CPU clock
+//     ticks and minor faults over the measured frames, without the warm-up
+//     frame and the preroll).
+// `--log PATH` (paced) writes one line a frame: how late the client woke,
+// the reply time and the time spent reading the frame.
 // Exit status 0 when every frame came, 1 otherwise (the reason on stderr).
 #include <algorithm>
 #include <cerrno>
@@ -47,6 +57,9 @@ struct options {
     int64_t phase_us = 0;
     size_t in_flight = 4;
     std::string touch = "all";
+    std::string log;           // per-request timing log, for finding who is late
+    uint64_t preroll = 0;      // frames taken unmeasured after the warm-up frame
+    std::string server_pid;    // the server's figures over the measured frames too
 };
 
 int64_t now_us()
@@ -63,22 +76,35 @@ void sleep_until_us(int64_t t)
     }
 }
 
-uint64_t own_minor_faults()
+// Minor faults and CPU clock ticks (utime + stime) of a process, from
+// /proc/<pid>/stat ("self" for this one); zeros when it cannot be read.
+struct proc_counts {
+    uint64_t minflt = 0;
+    uint64_t ticks = 0;
+};
+
+proc_counts read_proc_counts(const std::string& pid)
 {
-    std::FILE* f = std::fopen("/proc/self/stat", "r");
+    proc_counts out;
+    std::FILE* f = std::fopen(("/proc/" + pid + "/stat").c_str(), "r");
     if (f == nullptr)
-        return 0;
+        return out;
     char buf[1024];
     const size_t n = std::fread(buf, 1, sizeof buf - 1, f);
     std::fclose(f);
     buf[n] = '\0';
-    // Field 10, counted after the command name's closing parenthesis.
+    // Fields 10, 14 and 15, counted after the command name's closing parenthesis.
     const char* p = std::strrchr(buf, ')');
-    unsigned long long v = 0;
-    if (p == nullptr || std::sscanf(p + 2, "%*c %*d %*d %*d %*d %*d %*u %llu", &v) != 1)
-        return 0;
-    return v;
+    unsigned long long flt = 0, ut = 0, st = 0;
+    if (p == nullptr ||
+        std::sscanf(p + 2, "%*c %*d %*d %*d %*d %*d %*u %llu %*u %*u %*u %llu %llu", &flt, &ut, &st) != 3)
+        return out;
+    out.minflt = flt;
+    out.ticks = ut + st;
+    return out;
 }
+
+uint64_t own_minor_faults() { return read_proc_counts("self").minflt; }
 
 uint64_t sum_plane(const uint8_t* p, uint32_t stride, uint32_t width, uint32_t rows)
 {
@@ -150,6 +176,12 @@ bool parse_args(int argc, char** argv, options* o)
             o->start_at_us = std::strtoll(v, nullptr, 10);
         else if (a == "--phase-us")
             o->phase_us = std::strtoll(v, nullptr, 10);
+        else if (a == "--preroll")
+            o->preroll = std::strtoull(v, nullptr, 10);
+        else if (a == "--server-pid")
+            o->server_pid = v;
+        else if (a == "--log")
+            o->log = v;
         else if (a == "--in-flight")
             o->in_flight = std::max<size_t>(1, std::strtoull(v, nullptr, 10));
         else if (a == "--touch" && (std::strcmp(v, "all") == 0 || std::strcmp(v, "pages") == 0 ||
@@ -184,6 +216,25 @@ bool collect_releases(t4mi_client& c, std::deque<uint32_t>& releases, uint32_t u
     return true;
 }
 
+// One paced request as the log shows it, in µs.
+struct paced_step {
+    int64_t woke_late;  // the request left this long after its time: the client was late, not the server
+    int64_t reply;      // request sent to reply read
+    int64_t touch;      // reading the frame (and the releases before it)
+};
+
+// "k woke_late_us reply_us touch_us", one line a measured frame.
+bool write_log(const std::string& path, const std::vector<paced_step>& steps)
+{
+    std::FILE* f = std::fopen(path.c_str(), "w");
+    if (f == nullptr)
+        return false;
+    for (size_t k = 0; k < steps.size(); k++)
+        std::fprintf(f, "%zu %" PRId64 " %" PRId64 " %" PRId64 "\n", k, steps[k].woke_late, steps[k].reply,
+                     steps[k].touch);
+    return std::fclose(f) == 0;
+}
+
 int fail(const t4mi_client& c, const char* what)
 {
     std::fprintf(stderr, "serve_client: %s: %s\n", what, c.error().c_str());
@@ -199,7 +250,7 @@ int main(int argc, char** argv)
         std::fprintf(stderr,
                      "Usage: serve_client --socket PATH [--size WxH] [--rate N/D] (--frames N | --seconds S)\n"
                      "       [--paced [--start-at-us MONOTONIC_US] [--phase-us US]] [--in-flight K]\n"
-                     "       [--touch all|pages|none]\n");
+                     "       [--touch all|pages|none] [--preroll N] [--server-pid PID] [--log PATH]\n");
         return 2;
     }
     t4mi_client c;
@@ -223,34 +274,60 @@ int main(int argc, char** argv)
     checksum += touch_frame(f, o.touch);
     if (!c.release_frame(0))
         return fail(c, "release");
+    // The preroll: frames taken back to back before the measured ones, as a
+    // playout system cues an item before it goes to air. Reading them maps
+    // the frame slots the server cycles through into this process.
+    // The last one stays held, cued, until the measured frames begin.
+    uint64_t cued = 0;
+    for (uint64_t n = 1; n <= o.preroll; n++) {
+        if (!c.request_frame(n, 0, 0, &f))
+            return fail(c, "preroll frame");
+        checksum += touch_frame(f, o.touch);
+        if (n < o.preroll && !c.release_frame(n))
+            return fail(c, "release");
+        cued = n;
+    }
 
     std::vector<int64_t> latency;
     latency.reserve(o.frames);
     std::deque<uint32_t> releases;
+    std::vector<paced_step> steps;  // --log only
     uint64_t late = 0;
     const int64_t period_us = o.rate_den * 1000000 / o.rate_num;
     const uint64_t faults0 = own_minor_faults();
+    const proc_counts server0 = o.server_pid.empty() ? proc_counts{} : read_proc_counts(o.server_pid);
     int64_t t0 = now_us();
 
     if (o.paced) {
         const int64_t start = (o.start_at_us > 0 ? o.start_at_us : t0) + o.phase_us;
+        // The cued frame's hold is renewed every second until then, as a
+        // playout system keeps a cued item ready: a hold lapses after 2 s,
+        // and a server without held frames drops its frame memory after 5.
+        for (int64_t next = now_us() + 1000000; cued != 0 && next < start; next += 1000000) {
+            sleep_until_us(next);
+            if (!c.request_frame(cued, 0, 0, &f) || !c.release_frame(cued))
+                return fail(c, "cued frame");
+        }
         sleep_until_us(start);
         t0 = now_us();
-        uint64_t held = 0;  // frame number held from the step before (0: none)
+        uint64_t held = cued;  // frame number held from the step before (0: none)
         for (uint64_t k = 0; k < o.frames; k++) {
-            const uint64_t n = k + 1;
+            const uint64_t n = o.preroll + k + 1;
             const int64_t due = start + int64_t(k) * o.rate_den * 1000000 / o.rate_num;
             sleep_until_us(due);
             const int64_t sent = now_us();
             const uint32_t id = c.send_frame_request(n);
             if (id == 0 || !c.receive_frame(id, &f))
                 return fail(c, "frame");
-            const int64_t took = now_us() - sent;
+            const int64_t replied = now_us();
+            const int64_t took = replied - sent;
             latency.push_back(took);
             late += took > period_us ? 1 : 0;
             if (!collect_releases(c, releases, id))
                 return fail(c, "release");
             checksum += touch_frame(f, o.touch);
+            if (!o.log.empty())
+                steps.push_back({sent - due, took, now_us() - replied});
             if (held != 0) {
                 releases.push_back(c.send_release(held));
                 if (releases.back() == 0)
@@ -261,12 +338,14 @@ int main(int argc, char** argv)
         if (held != 0 && !c.release_frame(held))
             return fail(c, "release");
     } else {
+        if (cued != 0 && !c.release_frame(cued))
+            return fail(c, "release");
         std::deque<std::pair<uint64_t, uint32_t>> waiting;
         std::deque<int64_t> sent_at;
         uint64_t sent = 0;
         for (uint64_t done = 0; done < o.frames;) {
             while (sent < o.frames && waiting.size() < o.in_flight) {
-                const uint64_t n = 1 + sent++;
+                const uint64_t n = o.preroll + 1 + sent++;
                 waiting.emplace_back(n, c.send_frame_request(n));
                 sent_at.push_back(now_us());
                 if (waiting.back().second == 0)
@@ -293,7 +372,12 @@ int main(int argc, char** argv)
         releases.pop_front();
     }
     const int64_t t1 = now_us();
+    if (!o.log.empty() && !write_log(o.log, steps)) {
+        std::fprintf(stderr, "serve_client: cannot write %s\n", o.log.c_str());
+        return 1;
+    }
     const uint64_t faults = own_minor_faults() - faults0;
+    const proc_counts server1 = o.server_pid.empty() ? proc_counts{} : read_proc_counts(o.server_pid);
     const double secs = double(t1 - t0) / 1e6;
     std::printf("frames %" PRIu64 "\n", o.frames);
     std::printf("seconds %.4f\n", secs);
@@ -304,6 +388,9 @@ int main(int argc, char** argv)
     std::printf("late %" PRIu64 "\n", late);
     std::printf("client_minflt %" PRIu64 "\n", faults);
     std::printf("checksum %" PRIu64 "\n", checksum);
+    if (!o.server_pid.empty())
+        std::printf("server_measured %" PRIu64 " %" PRIu64 "\n", server1.ticks - server0.ticks,
+                    server1.minflt - server0.minflt);
     c.close();
     return 0;
 }

@@ -6,7 +6,9 @@
 #   bench/serve_playout.sh [--scene full1080|lines1080|strip108] [-- SERVER SWITCHES]
 #
 # Prints, as median (min, max) over RUNS fresh servers: the server's CPU
-# time and page faults a frame, the client's page faults a frame, frame
+# time and page faults a frame (over the whole run, the first frame's text
+# layout and frame memory included, and over the paced frames only), the
+# client's page faults a frame, frame
 # memory (the peak of the server's RssShmem, sampled every 20 ms), peak
 # memory (VmHWM), reply latency p50/p99/max (request sent to reply read),
 # replies later than one frame period, and the first frame's reply (it lays

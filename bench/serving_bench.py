@@ -276,14 +276,17 @@ def cmd_playout(rig, args):
         p, socket, _ = rig.start(scene, args.server_args)
         sampler = ShmemSampler(p.pid)
         cpu0, flt0 = proc_stat(p.pid)
-        fig = rig.run_client(socket, scene, "--paced", "--rate", rate, "--seconds", str(seconds), "--touch", "all")
+        fig = rig.run_client(socket, scene, "--paced", "--rate", rate, "--seconds", str(seconds), "--touch", "all",
+                             "--server-pid", str(p.pid))
         cpu1, flt1 = proc_stat(p.pid)
         shmem = sampler.finish()
         hwm = status_kib(p.pid, "VmHWM")
         stop(p)
         n = fig["frames"][0] + 1
         p50, p99, mx = fig["latency_us"]
+        ticks, faults = fig["server_measured"]
         rows.append(dict(cpu_ms=(cpu1 - cpu0) * 1000 / n, faults=(flt1 - flt0) / n, hwm=hwm / 1024,
+                         paced_cpu_ms=ticks * 1000 / TICK / (n - 1), paced_faults=faults / (n - 1),
                          shmem=shmem / 1024, p50=p50 / 1000, p99=p99 / 1000, max=mx / 1000,
                          first=fig["first_us"][0] / 1000, late=fig["late"][0],
                          client_faults=fig["client_minflt"][0] / fig["frames"][0]))
@@ -291,7 +294,9 @@ def cmd_playout(rig, args):
     col = lambda k: [r[k] for r in rows]
     print(f"paced {rate} frames/s, {seconds:g} s, {runs} runs: median (min, max)")
     print(f"  server CPU a frame              {spread(col('cpu_ms'), '{:.3f} ms')}")
+    print(f"    paced frames only             {spread(col('paced_cpu_ms'), '{:.3f} ms')}")
     print(f"  server page faults a frame      {spread(col('faults'), '{:.2f}')}")
+    print(f"    paced frames only             {spread(col('paced_faults'), '{:.2f}')}")
     print(f"  client page faults a frame      {spread(col('client_faults'), '{:.2f}')}")
     print(f"  frame memory (peak RssShmem)    {spread(col('shmem'), '{:.1f} MiB')}")
     print(f"  server peak memory (VmHWM)      {spread(col('hwm'), '{:.1f} MiB')}")
@@ -304,7 +309,7 @@ def cmd_playout(rig, args):
 
 # --- serve_density --------------------------------------------------------------------------------
 
-def density_trial(rig, scene, count, seconds, rate, extra):
+def density_trial(rig, scene, count, seconds, rate, extra, preroll):
     """`count` fresh servers on one core, one paced client each, their phases
     spread evenly over a frame period (channels are not in step). Returns each
     client's figures and the servers' CPU share of the core."""
@@ -312,9 +317,10 @@ def density_trial(rig, scene, count, seconds, rate, extra):
     num, den = (int(x) for x in rate.split("/"))
     period_us = den * 1_000_000 // num
     # Start in step once every client has connected and taken its warm-up frame.
-    start_at = int(time.clock_gettime(time.CLOCK_MONOTONIC) * 1e6) + 3_000_000 + 200_000 * count
+    start_at = int(time.clock_gettime(time.CLOCK_MONOTONIC) * 1e6) + 3_000_000 + (200_000 + 50_000 * preroll) * count
     clients = [subprocess.Popen(rig.client_cmd(sock, scene, "--paced", "--rate", rate, "--seconds", str(seconds),
-                                               "--touch", "pages", "--start-at-us", str(start_at),
+                                               "--touch", "pages", "--preroll", str(preroll),
+                                               "--start-at-us", str(start_at),
                                                "--phase-us", str(i * period_us // count)),
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
                for i, (_, sock, _) in enumerate(servers)]
@@ -339,13 +345,14 @@ def cmd_density(rig, args):
     rate = os.environ.get("RATE", "30000/1001")
     scene = args.scenes[0] if args.scenes else "full1080"
     step = env_int("DENSITY_STEP", 4)
-    print(f"# {SCENES[scene]['title']}, clients paced at {rate} frames/s for {seconds:g} s; all servers on core "
-          f"{rig.cpu}, all clients on core {rig.client_cpu}; pass: every client's p99 reply < {limit_ms:g} ms; "
-          f"{load_note()}", flush=True)
+    preroll = env_int("PREROLL", 10)
+    print(f"# {SCENES[scene]['title']}, clients paced at {rate} frames/s for {seconds:g} s after a preroll of "
+          f"{preroll} frames; all servers on core {rig.cpu}, all clients on core {rig.client_cpu}; pass: every "
+          f"client's p99 reply < {limit_ms:g} ms; {load_note()}", flush=True)
     print(f"{'items':>5} {'worst p99':>10} {'median p99':>11} {'worst max':>10} {'late':>6} {'servers CPU':>12}")
 
     def trial(n):
-        res, share = density_trial(rig, scene, n, seconds, rate, args.server_args)
+        res, share = density_trial(rig, scene, n, seconds, rate, args.server_args, preroll)
         p99s = [r["latency_us"][1] / 1000 for r in res]
         maxes = [r["latency_us"][2] / 1000 for r in res]
         late = sum(r["late"][0] for r in res)

@@ -17,6 +17,7 @@
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <utility>
 
 #include "platform/client_context.h"
 #include "platform/clock.h"
@@ -303,6 +304,12 @@ int server_accept(comm_socket_v4_server* s)
     if (s->listen_fd < 0)
         return -1;
     const comm_socket_v4_limits& limits = comm_socket_v4_server_limits;
+    using ls = comm_socket_v4_server::listen_state;
+    // Nobody waits: no accept() at all (see listen_state). The poll's word
+    // holds for one call; later calls ask the socket again.
+    const ls known = std::exchange(s->listen, ls::unknown);
+    if (known == ls::empty || (known == ls::unknown && !client_waiting(s)))
+        return 0;
     int accepted = 0;
     for (int i = 0; i < 8; i++) {
         const uint64_t now = monotonic_clock_us();

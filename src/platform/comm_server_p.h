@@ -71,6 +71,10 @@ struct comm_socket_v4_server {
     std::map<uint64_t, std::unique_ptr<t4mi_connection>> connections;  // by serial
     uint64_t next_serial = 1;
     uint64_t accept_paused_until_us = 0;  // out of descriptors: the listening socket rests until then (monotonic µs)
+    // What the serve loop's last poll said of the listening socket, for the
+    // next server_accept only. A failed accept() costs the kernel a socket,
+    // a file and their freeing, so it is only called when a client waits.
+    enum class listen_state { unknown, waiting, empty } listen = listen_state::unknown;
     uint64_t descriptor_limit = 0;        // RLIMIT_NOFILE as last read (UINT64_MAX: none)
     uint64_t descriptor_limit_read_us = 0;
 };

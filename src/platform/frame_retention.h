@@ -46,3 +46,21 @@ void t4mi_frame_retention_make_room(uint64_t size);
 // Brings unheld frames and warm slots within the budget (see above). No-op
 // without a budget.
 void t4mi_frame_retention_trim();
+
+// Warm slots made ahead in idle time. The first frames of a client would
+// otherwise each land on fresh pages (a fault a page, 2,026 for a
+// 1920x1080 frame) until enough frames were freed to cycle through, and
+// those are the slowest replies a client sees. After a frame of some size
+// was allocated, the serve loop calls this while it has nothing else to do:
+// each call faults in at most `piece` more bytes (one system call) of a warm
+// slot of the size of the last frame allocated, and makes a new slot while
+// every live frame (held ones too, all but one a client: they are unheld
+// frames to come), the warm slots and one more slot fit the budget, and
+// while every live frame and warm slot has that size (clients of two sizes
+// would take turns punching out each other's slots). It never evicts or
+// punches anything out, and it makes the shared buffer
+// only through the frames themselves. Returns true when it faulted a piece
+// in; false without a budget, with nothing to do, or when the buffer is
+// full. `due` tells, without doing anything, whether there is work.
+bool t4mi_frame_retention_prewarm_due();
+bool t4mi_frame_retention_prewarm(uint64_t piece);

@@ -71,12 +71,15 @@ int comm_socket_v4_server_from_client_readable(comm_socket_v4_server* s, uint64_
         sleep_until(deadline_us);
         return 0;
     }
-    if (has_work_at_hand(s))
+    if (has_work_at_hand(s)) {
+        s->listen = comm_socket_v4_server::listen_state::unknown;
         return 1;
+    }
     std::vector<pollfd> fds;
     fds.reserve(s->connections.size() + 1);
     const uint64_t now = monotonic_clock_us();
-    if (s->listen_fd >= 0 && now >= s->accept_paused_until_us)
+    const bool listening = s->listen_fd >= 0 && now >= s->accept_paused_until_us;
+    if (listening)
         fds.push_back({s->listen_fd, POLLIN, 0});
     for (const auto& [serial, c] : s->connections) {
         if (c->closed)
@@ -91,8 +94,12 @@ int comm_socket_v4_server_from_client_readable(comm_socket_v4_server* s, uint64_
     const uint64_t left = deadline_us > now ? deadline_us - now : 0;
     const timespec ts{time_t(left / 1000000), long(left % 1000000) * 1000};
     const int n = ppoll(fds.data(), fds.size(), &ts, nullptr);
-    if (n < 0)
+    if (n < 0) {
+        s->listen = comm_socket_v4_server::listen_state::unknown;
         return errno == EINTR ? 0 : -1;
+    }
+    using ls = comm_socket_v4_server::listen_state;
+    s->listen = !listening ? ls::unknown : (fds[0].revents & (POLLIN | POLLERR | POLLHUP)) != 0 ? ls::waiting : ls::empty;
     return n > 0 ? 1 : 0;
 }
 

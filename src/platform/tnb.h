@@ -128,9 +128,31 @@ bool tnb_warm_has(uint64_t size);
 // Punches out the oldest warm slots until at most `limit` bytes stay warm.
 void tnb_warm_trim(uint64_t limit);
 
-// Number of live allocations and the bytes they asked for.
+// Warm slots made ahead, before any frame of their size was freed, so that
+// the first frames of a new client land on committed pages too. Reserve
+// takes a fresh range for `size` bytes first fit (it never punches warm
+// slots out) and makes it the newest warm slot, marked not yet committed;
+// it returns the slot's handle, or 0 without a budget, a buffer or a free
+// range. The caller faults its pages in (through an access cache) and then
+// marks it committed. Until then an allocation takes the slot only when no
+// committed warm slot of its size is left, and gets a `fresh` record.
+// The handle names the slot only while it is one: once an
+// allocation took it, it was punched out or the buffer forgot it,
+// reserved_at returns false and mark_committed and discard do nothing.
+// Discard punches the slot out and frees its range (when faulting in failed).
+uint64_t tnb_warm_reserve(uint64_t size);
+// True when every live allocation and every warm slot reserves what an
+// allocation of `size` bytes would (so also when there are none).
+bool tnb_all_of_size(uint64_t size);
+bool tnb_warm_reserved_at(uint64_t handle, uint64_t* offset, uint64_t* bytes);
+void tnb_warm_mark_committed(uint64_t handle);
+void tnb_warm_discard(uint64_t handle);
+
+// Number of live allocations, the bytes they asked for and the bytes they
+// reserve (whole pages).
 size_t tnb_alloc_live_count();
 uint64_t tnb_alloc_live_bytes();
+uint64_t tnb_alloc_reserved_bytes();
 
 // One line per live allocation on standard error, in buffer order:
 // "<name>: <size> bytes\n" (size as asked for).

@@ -60,12 +60,13 @@ void give_back(tnb_buffer& b, uint64_t offset, uint64_t bytes)
 
 bool warm_mode() { return picture_cache_budget != 0; }
 
-void warm_push(tnb_buffer& b, uint64_t offset, uint64_t bytes)
+uint64_t warm_push(tnb_buffer& b, uint64_t offset, uint64_t bytes, bool committed = true)
 {
     const uint64_t order = ++b.warm_order;
-    b.warm_by_age.emplace(order, tnb_warm_slot{offset, bytes});
+    b.warm_by_age.emplace(order, tnb_warm_slot{offset, bytes, committed});
     b.warm_by_size[bytes].emplace(order, offset);
     b.warm_bytes += bytes;
+    return order;
 }
 
 // Forgets the warm slot freed as `order`, returning its slot.
@@ -82,15 +83,17 @@ tnb_warm_slot warm_take(tnb_buffer& b, uint64_t order)
     return slot;
 }
 
-// The oldest warm slot goes: its pages return to the system and its range
-// to the free list.
-void warm_punch_oldest(tnb_buffer& b)
+// A warm slot goes: its pages return to the system and its range to the
+// free list.
+void warm_punch(tnb_buffer& b, uint64_t order)
 {
-    const tnb_warm_slot slot = warm_take(b, b.warm_by_age.begin()->first);
+    const tnb_warm_slot slot = warm_take(b, order);
     // Failure only costs memory: the range is free either way.
     (void)fallocate(b.fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(slot.offset), off_t(slot.bytes));
     give_back(b, slot.offset, slot.bytes);
 }
+
+void warm_punch_oldest(tnb_buffer& b) { warm_punch(b, b.warm_by_age.begin()->first); }
 
 // First fit in the free list: the offset of a range of `reserve` bytes,
 // taken out of the list; false when none is large enough.
@@ -116,8 +119,19 @@ bool place(tnb_buffer& b, uint64_t reserve, uint64_t* offset, bool* warm)
 {
     *warm = false;
     if (const auto same = b.warm_by_size.find(reserve); same != b.warm_by_size.end()) {
-        *offset = warm_take(b, same->second.rbegin()->first).offset;
-        *warm = true;
+        // The most recent committed one; a slot still being made ahead only
+        // when there is no other.
+        auto pick = same->second.rbegin();
+        for (auto it = pick; it != same->second.rend(); ++it)
+            if (b.warm_by_age.at(it->first).committed) {
+                pick = it;
+                break;
+            }
+        const tnb_warm_slot slot = warm_take(b, pick->first);
+        *offset = slot.offset;
+        // A slot made ahead whose faulting-in was cut short: the rest of its
+        // pages are still to come, so it counts as fresh.
+        *warm = slot.committed;
         return true;
     }
     if (take_first_fit(b, reserve, offset))
@@ -229,10 +243,58 @@ uint64_t tnb_reserved_size(uint64_t size)
 
 uint64_t tnb_warm_bytes() { return tnb_state().buffer.warm_bytes; }
 
+uint64_t tnb_alloc_reserved_bytes() { return tnb_state().buffer.reserved_bytes; }
+
 bool tnb_warm_has(uint64_t size)
 {
     const tnb_buffer& b = tnb_state().buffer;
     return b.fd >= 0 && b.warm_by_size.count(tnb_reserved_size(size)) != 0;
+}
+
+bool tnb_all_of_size(uint64_t size)
+{
+    const tnb_buffer& b = tnb_state().buffer;
+    const uint64_t reserve = tnb_reserved_size(size);
+    if (b.warm_by_size.size() > 1 || (!b.warm_by_size.empty() && b.warm_by_size.begin()->first != reserve))
+        return false;
+    for (const auto& [offset, a] : b.allocations)
+        if (a.reserved != reserve)
+            return false;
+    return true;
+}
+
+uint64_t tnb_warm_reserve(uint64_t size)
+{
+    tnb_buffer& b = tnb_state().buffer;
+    uint64_t offset = 0;
+    if (!warm_mode() || b.fd < 0 || !take_first_fit(b, tnb_reserved_size(size), &offset))
+        return 0;
+    return warm_push(b, offset, tnb_reserved_size(size), false);
+}
+
+bool tnb_warm_reserved_at(uint64_t handle, uint64_t* offset, uint64_t* bytes)
+{
+    const tnb_buffer& b = tnb_state().buffer;
+    const auto it = b.warm_by_age.find(handle);
+    if (handle == 0 || it == b.warm_by_age.end())
+        return false;
+    *offset = it->second.offset;
+    *bytes = it->second.bytes;
+    return true;
+}
+
+void tnb_warm_discard(uint64_t handle)
+{
+    tnb_buffer& b = tnb_state().buffer;
+    if (handle != 0 && b.warm_by_age.count(handle) != 0)
+        warm_punch(b, handle);
+}
+
+void tnb_warm_mark_committed(uint64_t handle)
+{
+    tnb_buffer& b = tnb_state().buffer;
+    if (const auto it = b.warm_by_age.find(handle); it != b.warm_by_age.end())
+        it->second.committed = true;
 }
 
 void tnb_warm_trim(uint64_t limit)

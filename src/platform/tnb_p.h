@@ -21,7 +21,8 @@ struct tnb_allocation {
 // A freed allocation kept whole, its pages still committed (warm slots).
 struct tnb_warm_slot {
     uint64_t offset = 0;
-    uint64_t bytes = 0;  // reserved: whole pages
+    uint64_t bytes = 0;      // reserved: whole pages
+    bool committed = true;   // false: made ahead (tnb_warm_reserve) and not yet all faulted in
 };
 
 // The one buffer the allocator hands out from.

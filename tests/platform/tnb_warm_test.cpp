@@ -1,11 +1,13 @@
 // Warm slots of the shared frame buffer: with a frame-memory budget, a freed
-// allocation waits whole, pages committed, for the next one of its size.
+// allocation waits whole, pages committed, for the next one of its size;
+// slots made ahead for the frames of a new client.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/frame_retention.h"
 #include "platform/t4mi_globals.h"
 #include "platform/tnb.h"
 #include "support/frame_env.h"
@@ -165,6 +167,150 @@ TEST(TnbWarm, WithoutABudgetFreedRangesGoStraightBack)
     EXPECT_EQ(tnb_warm_bytes(), 0u);
     ASSERT_TRUE(tnb_malloc(&b, 2 * page, "V%lld", 2ll));
     EXPECT_EQ(b.offset, 0u);
+}
+
+TEST(TnbWarm, ASlotMadeAheadIsFreshToItsTakerUntilMarkedCommitted)
+{
+    t4test::shared_buffer_session session(16 * page);
+    t4test::frame_cache_budget budget(8 * page);
+    const uint64_t h = tnb_warm_reserve(2 * page - 10);
+    ASSERT_NE(h, 0u);
+    uint64_t at = 1, bytes = 0;
+    ASSERT_TRUE(tnb_warm_reserved_at(h, &at, &bytes));
+    EXPECT_EQ(at, 0u);
+    EXPECT_EQ(bytes, 2 * page);
+    EXPECT_EQ(tnb_warm_bytes(), 2 * page);
+    EXPECT_TRUE(tnb_warm_has(2 * page));
+    tnb_alloc_record a, b;
+    ASSERT_TRUE(tnb_malloc(&a, 2 * page, "V%lld", 1ll));
+    EXPECT_EQ(a.offset, 0u);
+    EXPECT_TRUE(a.fresh);  // its pages were never faulted in
+    EXPECT_FALSE(tnb_warm_reserved_at(h, &at, &bytes));  // an allocation now, no slot
+    tnb_warm_mark_committed(h);                           // and so this does nothing
+    tnb_warm_discard(h);
+    EXPECT_TRUE(tnb_alloc_is_live(&a));
+
+    const uint64_t h2 = tnb_warm_reserve(2 * page);
+    ASSERT_TRUE(tnb_warm_reserved_at(h2, &at, &bytes));
+    EXPECT_EQ(at, 2 * page);  // first fit behind a
+    tnb_warm_mark_committed(h2);
+    ASSERT_TRUE(tnb_malloc(&b, 2 * page, "V%lld", 2ll));
+    EXPECT_EQ(b.offset, 2 * page);
+    EXPECT_FALSE(b.fresh);
+}
+
+TEST(TnbWarm, ACommittedSlotIsTakenBeforeOneStillBeingMadeAhead)
+{
+    t4test::shared_buffer_session session(16 * page);
+    t4test::frame_cache_budget budget(8 * page);
+    tnb_alloc_record a, b;
+    ASSERT_TRUE(tnb_malloc(&a, page, "V%lld", 1ll));
+    const uint64_t a_at = a.offset;
+    tnb_free(&a);                             // committed, freed first
+    const uint64_t h = tnb_warm_reserve(page);  // newer, not committed
+    ASSERT_NE(h, 0u);
+    ASSERT_TRUE(tnb_malloc(&b, page, "V%lld", 2ll));
+    EXPECT_EQ(b.offset, a_at);
+    EXPECT_FALSE(b.fresh);
+    ASSERT_TRUE(tnb_malloc(&a, page, "V%lld", 3ll));  // then the other
+    EXPECT_TRUE(a.fresh);
+    uint64_t at = 0, bytes = 0;
+    EXPECT_FALSE(tnb_warm_reserved_at(h, &at, &bytes));
+}
+
+TEST(TnbWarm, MakingASlotAheadNeedsABudgetAndAFreeRangeAndNeverPunches)
+{
+    {
+        t4test::shared_buffer_session session(4 * page);
+        EXPECT_EQ(tnb_warm_reserve(page), 0u);  // no budget
+    }
+    t4test::shared_buffer_session session(4 * page);
+    t4test::frame_cache_budget budget(4 * page);
+    tnb_alloc_record a;
+    ASSERT_TRUE(tnb_malloc(&a, 2 * page, "V%lld", 1ll));
+    tnb_free(&a);  // warm
+    const uint64_t h = tnb_warm_reserve(2 * page);
+    ASSERT_NE(h, 0u);
+    EXPECT_EQ(tnb_warm_reserve(page), 0u);  // nothing free: the warm slots stay
+    EXPECT_EQ(tnb_warm_bytes(), 4 * page);
+    // Discarding gives the range back, and its pages with it.
+    std::memset(t4mi_global_access_cache_quickfetch(t4mi_acc_cache, image_tnb_buffer, 2 * page, 2 * page, 4), 1,
+                2 * page);
+    tnb_warm_discard(h);
+    EXPECT_EQ(tnb_warm_bytes(), 2 * page);
+    EXPECT_EQ(byte_at(2 * page), 0);
+    EXPECT_NE(tnb_warm_reserve(page), 0u);
+}
+
+TEST(TnbWarm, TheFirstFrameOfASizeWarmsTheBudgetsWorthOfSlotsAhead)
+{
+    t4test::shared_buffer_session session(32 * page);
+    t4test::frame_cache_budget budget(6 * page);
+    t4mi_frame_retention_make_room(2 * page - 100);
+    // Three slots of two pages, committed, and nothing evicted or allocated.
+    EXPECT_EQ(tnb_warm_bytes(), 6 * page);
+    EXPECT_EQ(committed_bytes(), 6 * page);
+    EXPECT_EQ(tnb_alloc_live_count(), 0u);
+    EXPECT_FALSE(t4mi_frame_retention_prewarm_due());
+    tnb_alloc_record f[3];
+    for (auto& r : f) {
+        ASSERT_TRUE(tnb_malloc(&r, 2 * page - 100, "V%lld", 1ll));
+        EXPECT_FALSE(r.fresh);
+    }
+    // Held frames count against making more: each will be let go.
+    EXPECT_FALSE(t4mi_frame_retention_prewarm_due());
+    tnb_free(&f[0]);
+    tnb_free(&f[1]);
+    tnb_free(&f[2]);
+    EXPECT_EQ(committed_bytes(), 6 * page);
+    EXPECT_FALSE(t4mi_frame_retention_prewarm(page));
+}
+
+TEST(TnbWarm, WarmingAheadGoesAPieceAtATimeUpToTheBudget)
+{
+    t4test::shared_buffer_session session(32 * page);
+    t4test::frame_cache_budget budget(5 * page);
+    tnb_alloc_record first;
+    // A frame of another size first, so that this size is new after it.
+    t4mi_frame_retention_make_room(page);
+    tnb_warm_trim(0);
+    ASSERT_TRUE(tnb_malloc(&first, 2 * page, "V%lld", 1ll));
+    t4mi_frame_retention_make_room(2 * page);  // new size: warms ahead at once
+    EXPECT_EQ(tnb_warm_bytes(), 2 * page);      // live 2 + warm 2 + 2 more would pass 5
+    tnb_free(&first);
+    tnb_warm_trim(0);
+    ASSERT_EQ(committed_bytes(), 0u);
+    // In idle time: a page a call, the slot usable as fresh meanwhile.
+    ASSERT_TRUE(t4mi_frame_retention_prewarm_due());
+    EXPECT_TRUE(t4mi_frame_retention_prewarm(page));
+    EXPECT_EQ(committed_bytes(), page);
+    EXPECT_EQ(tnb_warm_bytes(), 2 * page);
+    EXPECT_TRUE(t4mi_frame_retention_prewarm(page));
+    EXPECT_TRUE(t4mi_frame_retention_prewarm(page));
+    EXPECT_TRUE(t4mi_frame_retention_prewarm(page));
+    EXPECT_EQ(committed_bytes(), 4 * page);
+    EXPECT_FALSE(t4mi_frame_retention_prewarm_due());  // a third slot would pass 5 pages
+    EXPECT_FALSE(t4mi_frame_retention_prewarm(page));
+    tnb_alloc_record a;
+    ASSERT_TRUE(tnb_malloc(&a, 2 * page, "V%lld", 2ll));
+    EXPECT_FALSE(a.fresh);
+}
+
+TEST(TnbWarm, NothingIsWarmedAheadWhileFramesOfAnotherSizeAreAbout)
+{
+    t4test::shared_buffer_session session(32 * page);
+    t4test::frame_cache_budget budget(8 * page);
+    tnb_alloc_record other;
+    ASSERT_TRUE(tnb_malloc(&other, page, "V%lld", 1ll));
+    EXPECT_FALSE(tnb_all_of_size(2 * page));
+    EXPECT_TRUE(tnb_all_of_size(page));
+    t4mi_frame_retention_make_room(2 * page);  // a new size, but a frame of another is live
+    EXPECT_EQ(tnb_warm_bytes(), 0u);
+    EXPECT_FALSE(t4mi_frame_retention_prewarm_due());
+    tnb_free(&other);  // a warm slot of the other size now
+    EXPECT_FALSE(t4mi_frame_retention_prewarm_due());
+    tnb_warm_trim(0);
+    EXPECT_TRUE(t4mi_frame_retention_prewarm_due());
 }
 
 } // namespace

@@ -24,6 +24,7 @@
 #include "fonts/font_bmp.h"
 #include "fonts/font_catalogue.h"
 #include "fonts/font_globals.h"
+#include "fonts/outline.h"
 #include "frames/client_context.h"
 #include "frames/reader.h"
 #include "items/scroll_settings.h"
@@ -37,7 +38,9 @@ constexpr uint64_t max_line_height = 2048;
 // Loads and renders glyph `index` of `face` with the context's transform.
 // Null (with its message) when FreeType fails or gives a bitmap we cannot
 // copy: only 8-bit grey, top-down rows.
-FT_GlyphSlot render_glyph(const scrolling_text_client_context* ctx, FT_Face face, FT_UInt index)
+// While the context draws outlines, the loaded outline is held for the
+// glyph's outline (see hold_outline_source).
+FT_GlyphSlot render_glyph(scrolling_text_client_context* ctx, FT_Face face, FT_UInt index)
 {
     FT_Matrix matrix = context_glyph_matrix(ctx);
     FT_Vector origin{0, 0};
@@ -47,10 +50,12 @@ FT_GlyphSlot render_glyph(const scrolling_text_client_context* ctx, FT_Face face
         return nullptr;
     }
     FT_GlyphSlot slot = face->glyph;
+    hold_outline_source(ctx, slot);
     if (FT_Render_Glyph(slot, FT_RENDER_MODE_NORMAL) != 0) {
         std::fprintf(stderr, "Freetype: cannot render glyph\n");
         return nullptr;
     }
+    note_rendered_top(ctx, slot);
     if (slot->bitmap.pixel_mode != FT_PIXEL_MODE_GRAY) {
         std::fprintf(stderr, "Freetype: Unsupported glyph bitmap pixel mode\n");
         return nullptr;
@@ -184,6 +189,7 @@ font_bmp_cache_storage* get_font_bmp(scrolling_text_client_context* ctx, uint64_
         return it->second;
     font_bmp_cache_storage* bmp = ctx->load_font_bmp(line_height, code, face);
     ctx->glyph_cache.emplace(key, bmp);
+    file_outline(ctx, key, bmp);
     return bmp;
 }
 
@@ -195,7 +201,9 @@ int64_t glyph_pixel_size(const scrolling_text_client_context* ctx, uint64_t line
         const uint64_t p = uint64_t(scroll_settings.fontScale) * line_height;
         return p > 1999 ? int64_t(p / 1000) : 2;
     }
-    return int64_t(line_height) - std::abs(int64_t(ctx->shadow_offset_y)) - (int64_t(ctx->shadow_blur_radius) + 1) / 2;
+    // An outline takes its width above and below the glyph.
+    return int64_t(line_height) - std::abs(int64_t(ctx->shadow_offset_y)) - (int64_t(ctx->shadow_blur_radius) + 1) / 2 -
+           2 * int64_t(outline_room(ctx->outline_width_64));
 }
 
 font_bmp_cache_storage* scrolling_text_client_context::load_font_bmp(uint64_t line_height, int32_t code,

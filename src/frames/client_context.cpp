@@ -36,7 +36,7 @@ void scrolling_text_client_context::clear_bitmap_caches()
 {
     // The shadow cache never holds glyph records: without blur the shadow
     // lookup hands out the glyph itself and caches nothing.
-    for (auto* cache : {&glyph_cache, &shadow_cache}) {
+    for (auto* cache : {&glyph_cache, &shadow_cache, &outline_cache}) {
         for (auto& entry : *cache)
             font_bmp_free(entry.second);
         cache->clear();

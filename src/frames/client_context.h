@@ -10,6 +10,7 @@
 //   text/time_formats.cpp      _json_choose_time_fmt, _json_choose_date_fmt
 //   fonts/glyph_cache.cpp      load_font_bmp (and get_font_bmp)
 //   fonts/shadow.cpp           load_shadow_bmp (and get_shadow_bmp)
+//   fonts/outline.cpp          the outline cache (get_outline_bmp)
 //   frames/layout.cpp          recompute_text_times
 //   frames/client_context.cpp  construction, caches, reader, destruction
 #pragma once
@@ -22,6 +23,7 @@
 #include <ft2build.h>
 #include FT_FREETYPE_H
 
+#include "fonts/outline.h"
 #include "frames/glyph_cache_key.h"
 #include "frames/placed_glyph.h"
 #include "platform/client_context.h"
@@ -142,7 +144,7 @@ public:
     // `face` n > 0: `code` is a glyph index of shaped_faces[n - 1].
     struct font_bmp_cache_storage* load_font_bmp(uint64_t line_height, int32_t code, uint32_t face = 0);
     struct font_bmp_cache_storage* load_shadow_bmp(uint64_t line_height, int32_t code, uint32_t face = 0);
-    // Frees every glyph and shadow record and empties both caches.
+    // Frees every glyph, shadow and outline record and empties the caches.
     void clear_bitmap_caches();
 
     // --- reader (frames/client_context.cpp) ---------------------------------
@@ -170,6 +172,8 @@ public:
     FT_Face current_face = nullptr; // set afresh by every glyph load and kerning query
     glyph_bitmap_cache glyph_cache;
     glyph_bitmap_cache shadow_cache;
+    glyph_bitmap_cache outline_cache; // made with the glyphs while outline_width_64 > 0
+    held_outline pending_outline;     // the rasteriser's hand-over to the outline cache
     // The faces of the shaped layout's glyphs (frames/shaped_layout.cpp),
     // owned by the font catalogue or the fall-back registry; set by each
     // shaped layout, which also clears the caches keyed by them.
@@ -182,6 +186,10 @@ public:
     int32_t shadow_blur_radius = 0; // pixels
     int32_t shadow_offset_x = 0;    // pixels
     int32_t shadow_offset_y = 0;
+    int32_t outline_width_64 = 0;   // outline width in 1/64 pixel; 0: no outline
+    uint8_t outline_rgba[4] = {0, 0, 0, 0}; // the outline colour R, G, B, A at the layout
+    bool scrolls_right = false;      // the strip moves right (scrollDirection right, scrolling text)
+    uint64_t right_origin = 0;      // scrolling right: offset of frame 0 (see strip_offset)
     uint64_t cycle_length = 0;      // strip period in pixels
     uint64_t scroll_step = 4096;    // 1/4096 pixel per step
     uint64_t frames_per_step = 1;

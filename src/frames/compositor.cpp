@@ -1,18 +1,20 @@
 // The frame compositor. Per frame: bring the text up to date, look in the
 // cache, allocate a shared frame, walk the glyph placements that fall into
 // the picture at this frame's strip offset, queueing each glyph's shadow,
-// then the glyph, and paint the background and the queued bitmaps
-// (frame_painter.h).
+// then the glyph (with an outline: all shadows, all outlines, then all
+// glyphs), and paint the background and the queued bitmaps (frame_painter.h).
 #include "frames/compositor.h"
 
 #include <cstdio>
 
 #include "fonts/font_bmp.h"
 #include "fonts/glyph_cache.h"
+#include "fonts/outline.h"
 #include "fonts/shadow.h"
 #include "frames/client_context.h"
 #include "frames/frame_buffer.h"
 #include "frames/frame_painter.h"
+#include "frames/layout.h"
 #include "frames/reader.h"
 #include "frames/yuva_pixel.h"
 #include "items/scroll_settings.h"
@@ -57,47 +59,62 @@ void refresh_text(scrolling_text_client_context* ctx, uint64_t n)
     ctx->recompute_text_times();
 }
 
-void draw_placed(scrolling_text_client_context* ctx, frame_painter& painter, const placed_glyph& pg, int32_t x0)
+// What one walk over the placements draws of each glyph.
+enum draw_layers : unsigned {
+    draw_shadow = 1,
+    draw_outline = 2,
+    draw_glyph = 4,
+};
+
+// Queues `bmp` of a glyph whose key lies at x0 on a line with top
+// `line_top`, moved by (dx, dy) (dx before the horizontal scale), unless its
+// colour is fully transparent or it starts right of or below the picture.
+void draw_at(const scrolling_text_client_context* ctx, frame_painter& painter, const font_bmp_cache_storage* bmp,
+             uint32_t colour, int32_t x0, int32_t line_top, int32_t dx, int32_t dy)
 {
+    if (bmp == nullptr || bmp->plane_a == nullptr || (colour >> 24) == 0)
+        return;
     const auto& f = painter.frame();
-    const int64_t W = f.width;
-    const int64_t H = f.height;
-    const uint64_t size = uint64_t(pg.pixel_size);
     const int64_t hs = int64_t(ctx->h_scale);
-    if (pg.code >= 0) {
-        const font_bmp_cache_storage* sh = ctx->shadow_blur_radius == 0 ? get_font_bmp(ctx, size, pg.code, pg.face)
-                                                                         : get_shadow_bmp(ctx, size, pg.code, pg.face);
-        if (sh != nullptr && sh->plane_a != nullptr) {
-            const uint32_t colour = rgba_to_yuva(pg.style.sr, pg.style.sg, pg.style.sb, pg.style.sa);
-            if ((colour >> 24) != 0) {
-                const int64_t sx = ((int64_t(sh->x_offset) * hs) >> 8) + x0 + ((int64_t(ctx->shadow_offset_x) * hs) >> 8);
-                if (sx < W) {
-                    const int64_t sy = int64_t(ctx->shadow_offset_y) + pg.line_top + pg.dy + sh->y_offset;
-                    if (sy < H && ctx->h_scale >= 1)
-                        painter.draw(int32_t(sx), int32_t(sy), sh, colour, ctx->h_scale);
-                }
-            }
-        }
-    }
-    const font_bmp_cache_storage* g = get_font_bmp(ctx, size, pg.code, pg.face);
-    if (g == nullptr || g->plane_a == nullptr)
+    const int64_t x = ((int64_t(bmp->x_offset) * hs) >> 8) + x0 + ((int64_t(dx) * hs) >> 8);
+    if (x >= f.width)
         return;
-    const uint32_t colour = rgba_to_yuva(pg.style.r, pg.style.g, pg.style.b, pg.style.a);
-    if ((colour >> 24) == 0)
-        return;
-    const int64_t gx = ((int64_t(g->x_offset) * hs) >> 8) + x0;
-    const int64_t gy = int64_t(pg.line_top) + pg.dy + g->y_offset;
-    if (gx < W && gy < H && ctx->h_scale >= 1)
-        painter.draw(int32_t(gx), int32_t(gy), g, colour, ctx->h_scale);
+    const int64_t y = int64_t(dy) + line_top + bmp->y_offset;
+    if (y < f.height && ctx->h_scale >= 1)
+        painter.draw(int32_t(x), int32_t(y), bmp, colour, ctx->h_scale);
 }
 
-void draw_text(scrolling_text_client_context* ctx, frame_painter& painter, uint64_t n)
+void draw_placed(scrolling_text_client_context* ctx, frame_painter& painter, const placed_glyph& pg, int32_t x0,
+                 unsigned layers)
+{
+    const uint64_t size = uint64_t(pg.pixel_size);
+    if ((layers & draw_shadow) && pg.code >= 0) {
+        const font_bmp_cache_storage* sh = ctx->shadow_blur_radius == 0 ? get_font_bmp(ctx, size, pg.code, pg.face)
+                                                                         : get_shadow_bmp(ctx, size, pg.code, pg.face);
+        if (sh != nullptr && sh->plane_a != nullptr)
+            draw_at(ctx, painter, sh, rgba_to_yuva(pg.style.sr, pg.style.sg, pg.style.sb, pg.style.sa), x0,
+                    pg.line_top + pg.dy, ctx->shadow_offset_x, ctx->shadow_offset_y);
+    }
+    if (layers & draw_outline) {
+        const uint8_t* c = ctx->outline_rgba;
+        draw_at(ctx, painter, get_outline_bmp(ctx, size, pg.code, pg.face), rgba_to_yuva(c[0], c[1], c[2], c[3]), x0,
+                pg.line_top + pg.dy, 0, 0);
+    }
+    if (layers & draw_glyph) {
+        const font_bmp_cache_storage* g = get_font_bmp(ctx, size, pg.code, pg.face);
+        if (g != nullptr && g->plane_a != nullptr)
+            draw_at(ctx, painter, g, rgba_to_yuva(pg.style.r, pg.style.g, pg.style.b, pg.style.a), x0, pg.line_top + pg.dy,
+                    0, 0);
+    }
+}
+
+// One walk over the placements that reach into the picture at `offset`,
+// queueing `layers` of each glyph in key order.
+void draw_walk(scrolling_text_client_context* ctx, frame_painter& painter, uint64_t offset, unsigned layers)
 {
     const auto& f = painter.frame();
     const auto& placements = ctx->glyph_placements;
     const uint64_t H = uint64_t(f.height);
-    const uint64_t strip = ((ctx->scroll_step * n) >> 12) / ctx->frames_per_step;
-    const uint64_t offset = ctx->cycle_length ? strip % ctx->cycle_length : 0;
 
     // The first key not below the offset, then back over the keys whose glyph
     // may still reach into the picture (no glyph is wider than the picture height).
@@ -119,13 +136,28 @@ void draw_text(scrolling_text_client_context* ctx, frame_painter& painter, uint6
             if (x0 > f.width + 63)
                 return;
             for (const placed_glyph& pg : it->second)
-                draw_placed(ctx, painter, pg, x0);
+                draw_placed(ctx, painter, pg, x0, layers);
         }
         if (scroll_settings.static_)
             return;
         base += ctx->cycle_length; // the next repetition of the strip
         it = placements.begin();
     }
+}
+
+void draw_text(scrolling_text_client_context* ctx, frame_painter& painter, uint64_t n)
+{
+    const uint64_t offset = strip_offset(*ctx, n);
+    if (ctx->outline_width_64 <= 0) {
+        // Each glyph's shadow, then the glyph.
+        draw_walk(ctx, painter, offset, draw_shadow | draw_glyph);
+        return;
+    }
+    // In layers, so that no outline covers a neighbouring glyph and no
+    // shadow an outline.
+    draw_walk(ctx, painter, offset, draw_shadow);
+    draw_walk(ctx, painter, offset, draw_outline);
+    draw_walk(ctx, painter, offset, draw_glyph);
 }
 } // namespace
 

@@ -249,6 +249,30 @@ void fix_motion(scrolling_text_client_context& ctx, const layout_geometry& geo, 
     ctx.item_length = ctx.scroll_step == 0 ? 1 : (cycle * 4096 / ctx.scroll_step) * ctx.frames_per_step;
 }
 
+void reverse_paragraphs(std::vector<text_run>& runs)
+{
+    // Reverse the whole, then each paragraph back into reading order.
+    std::reverse(runs.begin(), runs.end());
+    auto start = runs.begin();
+    for (auto it = runs.begin();; ++it) {
+        if (it == runs.end() || it->code == PARAGRAPH_END) {
+            std::reverse(start, it);
+            if (it == runs.end())
+                break;
+            start = it + 1;
+        }
+    }
+}
+
+uint64_t strip_offset(const scrolling_text_client_context& ctx, uint64_t n)
+{
+    const uint64_t C = ctx.cycle_length;
+    if (C == 0)
+        return 0;
+    const uint64_t left = (((ctx.scroll_step * n) >> 12) / ctx.frames_per_step) % C;
+    return ctx.scrolls_right ? (ctx.right_origin + C - left) % C : left;
+}
+
 void scrolling_text_client_context::recompute_text_times()
 {
     const scroll_settings_record& s = scroll_settings;
@@ -275,8 +299,21 @@ void scrolling_text_client_context::recompute_text_times()
     shadow_offset_x = round_half_up(s.shadowX * H / L);
     shadow_offset_y = round_half_up(s.shadowY * H / L);
 
+    // Outline width in 1/64 pixel, at most a quarter of the line; set before
+    // any glyph is made, like the shadow's, for the same reason.
+    const double outline_64 = s.outlineWidth * H / L * 64.0;
+    outline_width_64 = round_half_up(std::clamp(outline_64, 0.0, double(geo.line_height) * 16.0));
+    outline_rgba[0] = s.outlineColor.r;
+    outline_rgba[1] = s.outlineColor.g;
+    outline_rgba[2] = s.outlineColor.b;
+    outline_rgba[3] = s.outlineColor.a;
+    scrolls_right = !geo.is_static && s.scrollDirection == scroll_direction_right;
+    right_origin = 0;
+
     h_scale = 256;
     uint64_t text_end = 0;
+    if (scrolls_right)
+        reverse_paragraphs(runs);
     if (s.textShaping != 0) {
         text_end = place_shaped_glyphs(*this, geo, s);
     } else {
@@ -284,7 +321,15 @@ void scrolling_text_client_context::recompute_text_times()
             geo.is_static ? measure_static_lines(*this, geo, s) : std::vector<uint64_t>(size_t(geo.lines), geo.gap);
         text_end = place_glyphs(*this, geo, std::move(line_starts));
     }
+    if (scrolls_right)
+        reverse_paragraphs(runs);
     fix_motion(*this, geo, s, text_end);
+    if (scrolls_right && cycle_length != 0) {
+        // Frame 0 shows the text's end at W - gap, mirroring its start at gap.
+        const int64_t C = int64_t(cycle_length);
+        const int64_t origin = (int64_t(text_end) + int64_t(geo.gap) - geo.width) % C;
+        right_origin = uint64_t(origin < 0 ? origin + C : origin);
+    }
 
     reader->frame_manager.flush_unused_frames(FLUSH_EVERYTHING);
 }

@@ -21,6 +21,7 @@
 
 class scrolling_text_client_context;
 struct scroll_settings_record;
+struct text_run;
 
 // What every phase of one layout run works from, fixed before the first one.
 struct layout_geometry {
@@ -85,6 +86,11 @@ private:
 uint64_t place_glyphs(scrolling_text_client_context& ctx, const layout_geometry& geo,
                       std::vector<uint64_t> line_starts);
 
+// Scrolling right, the paragraphs lie on the strip in reverse order (the
+// first one enters first, from the left). Reverses the order of the
+// paragraphs of `runs` (split at code 31), each paragraph kept as it is;
+// applied twice it restores the order.
+void reverse_paragraphs(std::vector<text_run>& runs);
 // Phases 1 and 2 of the shaped layout (-textShaping=1,
 // frames/shaped_layout.cpp): shapes every line once, measures and squeezes
 // static lines from the shaped widths, and places the glyphs in visual order
@@ -97,3 +103,12 @@ uint64_t place_shaped_glyphs(scrolling_text_client_context& ctx, const layout_ge
 // and ctx.item_length (frames of one cycle; 1 for static text).
 void fix_motion(scrolling_text_client_context& ctx, const layout_geometry& geo, const scroll_settings_record& s,
                 uint64_t text_end);
+
+// The position rule, the contract with the compositor: the strip offset of
+// frame n. A glyph at key x is drawn at picture x - offset, and at
+// + cycle_length for each further repetition to the right. Scrolling left,
+// the offset is floor(floor(scroll_step x n / 4096) / frames_per_step) mod
+// cycle_length. Scrolling right it runs backwards from ctx.right_origin,
+// which puts the text's end at W - gap on frame 0: every glyph's distance
+// from the edge it entered by is the same as scrolling left.
+uint64_t strip_offset(const scrolling_text_client_context& ctx, uint64_t n);

@@ -28,6 +28,26 @@ namespace {
 int32_t opacity_of(const char* value) { return int32_t(truncate_to_int64(std::strtod(value, nullptr) * 255.0)); }
 } // namespace
 
+uint8_t parse_scroll_direction(const char* value)
+{
+    if (std::strcmp(value, "right") == 0)
+        return scroll_direction_right;
+    if (std::strcmp(value, "left") != 0)
+        std::fprintf(stderr, "WARNING: unknown scrollDirection %s\n", value);
+    return scroll_direction_left;
+}
+
+double parse_outline_width(const char* value)
+{
+    char* end = nullptr;
+    const double v = std::strtod(value, &end) / 100.0;
+    if (end == value || !(v >= 0.0) || std::isinf(v)) {
+        std::fprintf(stderr, "WARNING: unknown outlineWidth %s\n", value);
+        return 0.0;
+    }
+    return v;
+}
+
 void reset_scroll_settings(bool rss)
 {
     scroll_settings_record& s = scroll_settings;
@@ -47,6 +67,9 @@ void reset_scroll_settings(bool rss)
     s.fontStyle.clear();
     s.fontScale = -1;
     s.multiLine = -1;
+    s.outlineColor = colour_rgba{0, 0, 0, 255};
+    s.outlineWidth = 0.0;
+    s.scrollDirection = scroll_direction_left;
     s.static_ = 0;
     s.textShaping = 0;
     s.textDirection = TEXT_DIRECTION_AUTO;
@@ -124,6 +147,14 @@ bool apply_scroll_setting(const std::string& key, const char* value, bool rss, p
         s.fontScale = int32_t(rss ? truncate_to_int64(v) * 1000 : truncate_to_int64(v * 1000.0));
     } else if (key == "-multiLine") {
         s.multiLine = int32_t(std::strtol(value, nullptr, 10));
+    } else if (key == "-outlineColor") {
+        s.outlineColor = parse_hex_colour(value);
+    } else if (key == "-outlineOpacity") {
+        op.outline = opacity_of(value);
+    } else if (key == "-outlineWidth") {
+        s.outlineWidth = parse_outline_width(value);
+    } else if (key == "-scrollDirection") {
+        s.scrollDirection = parse_scroll_direction(value);
     } else if (key == "-textShaping") {
         apply_text_shaping(value);
     } else if (key == "-textDirection") {
@@ -140,6 +171,7 @@ void fold_opacities(const pending_opacities& op)
     scroll_settings.backgroundColor.a = uint8_t(op.background);
     scroll_settings.shadowColor.a = uint8_t(op.shadow);
     scroll_settings.shadowOpacity = op.shadow;
+    scroll_settings.outlineColor.a = uint8_t(op.outline);
 }
 
 void normalise_loaded_settings()

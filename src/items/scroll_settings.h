@@ -34,6 +34,10 @@ struct scroll_settings_record {
     std::string fontStyle;
     int32_t fontScale = -1;      // thousandths; -1 automatic, else >= 1
     int32_t multiLine = 1;       // text lines; 0: count them from the text
+    // Outline and direction: opt-in looks beyond the classic settings.
+    colour_rgba outlineColor{0, 0, 0, 255};
+    double outlineWidth = 0.0;   // fraction of a line height (file: percent); 0: no outline
+    uint8_t scrollDirection = 0; // scroll_direction_left or _right
     // `static` in the item's vocabulary; a C++ keyword, hence the underscore.
     uint8_t static_ = 0;         // equals (scrollSpeed <= 0.0) after every load
     uint8_t textShaping = 0;     // 0 glyph by glyph; 1 shaped (bidi, HarfBuzz, script fallback; docs/shaping.md)
@@ -43,6 +47,18 @@ struct scroll_settings_record {
 
 extern scroll_settings_record scroll_settings;
 
+// Values of scrollDirection: left, the default, lets the text enter on the
+// right; right lets it enter on the left and move right.
+constexpr uint8_t scroll_direction_left = 0;
+constexpr uint8_t scroll_direction_right = 1;
+
+// "left" or "right" (exact case). Any other word gives left and prints
+// "WARNING: unknown scrollDirection %s\n".
+uint8_t parse_scroll_direction(const char* value);
+// A width in percent of the line height, as a fraction. No number, a
+// negative, infinite or NaN one gives 0 (no outline) and prints
+// "WARNING: unknown outlineWidth %s\n".
+double parse_outline_width(const char* value);
 // The values of scroll_settings_record::textDirection.
 inline constexpr uint8_t TEXT_DIRECTION_AUTO = 0; // the first strong character decides
 inline constexpr uint8_t TEXT_DIRECTION_LTR = 1;
@@ -73,6 +89,7 @@ struct pending_opacities {
     int32_t font = 255;
     int32_t background = 0;
     int32_t shadow = 127;
+    int32_t outline = 255;
 };
 bool apply_scroll_setting(const std::string& key, const char* value, bool rss, pending_opacities& opacities);
 void fold_opacities(const pending_opacities& opacities);

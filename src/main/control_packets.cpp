@@ -69,6 +69,14 @@ bool apply_text_entry(const char* name, const char* value, int& new_context_only
         s.fontScale = int32_t(truncate_to_int64(std::strtod(value, nullptr) * 1000.0)); // not normalised
     else if (std::strcmp(name, "multiLine") == 0)
         s.multiLine = int32_t(std::strtol(value, nullptr, 10));
+    else if (std::strcmp(name, "outlineColor") == 0)
+        s.outlineColor = parse_hex_colour(value);
+    else if (std::strcmp(name, "outlineOpacity") == 0)
+        s.outlineColor.a = opacity_byte(value);
+    else if (std::strcmp(name, "outlineWidth") == 0)
+        s.outlineWidth = parse_outline_width(value);
+    else if (std::strcmp(name, "scrollDirection") == 0)
+        s.scrollDirection = parse_scroll_direction(value);
     else if (std::strcmp(name, "textShaping") == 0)
         apply_text_shaping(value);
     else if (std::strcmp(name, "textDirection") == 0)

@@ -97,6 +97,15 @@ uint64_t pixels_checksum(const frame_pixels& p)
     return h;
 }
 
+std::u32string placed_text(const scrolling_text_client_context* ctx)
+{
+    std::u32string s;
+    for (const auto& [x, glyphs] : ctx->glyph_placements)
+        for (const placed_glyph& g : glyphs)
+            s += char32_t(g.code);
+    return s;
+}
+
 void compose_test::SetUp()
 {
     buffers = std::make_unique<shared_buffer_session>(64ull << 20);

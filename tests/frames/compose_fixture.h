@@ -52,6 +52,9 @@ uint64_t pixels_checksum(const frame_pixels& p);
 // Source alpha of coverage c under a colour alpha a: (c * a * 257) >> 16.
 inline unsigned source_alpha(unsigned c, unsigned a) { return (c * a * 257) >> 16; }
 
+// The code points of the layout's placements, in key order.
+std::u32string placed_text(const scrolling_text_client_context* ctx);
+
 class compose_test : public ::testing::Test {
 protected:
     void SetUp() override;

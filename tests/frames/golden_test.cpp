@@ -62,10 +62,19 @@ const golden_case CASES[] = {
     {"squeezed", 1920, 108, 0, 0, {0}},
     {"ntsc43", 720, 480, 4, 3, {150}},
     {"emoji", 1920, 108, 0, 0, {150}},
+    // Frame 100: offset 360, the text from x 600 with its outline.
+    {"outlined", 1920, 108, 0, 0, {100}},
+    // The ticker scrolling right: frame 0 shows the end of the text ending
+    // at x 960; frame 100 the same 360 pixels further right.
+    {"ticker_right", 1920, 108, 0, 0, {0, 100}},
     // Shaped layout (-textShaping=1).
     {"shaped_arabic", 1920, 216, 0, 0, {0}, true},
     {"shaped_hebrew", 1920, 216, 0, 0, {0}, true},
     {"shaped_devanagari", 1920, 108, 0, 0, {0}, true},
+    // Shaped and scrolling right: frame 0 shows the line's visual end, its
+    // Arabic start, ending at x 960 (space 0.5); frame 100 the same 360
+    // pixels further right.
+    {"shaped_mixed_right", 1920, 108, 0, 0, {0, 100}, true},
 };
 
 void PrintTo(const golden_case& c, std::ostream* os) { *os << c.name; }

@@ -57,15 +57,6 @@ protected:
             k.push_back(x);
         return k;
     }
-    // The code points placed, in key order.
-    static std::u32string placed_text(const scrolling_text_client_context* ctx)
-    {
-        std::u32string s;
-        for (const auto& [x, glyphs] : ctx->glyph_placements)
-            for (const placed_glyph& g : glyphs)
-                s += char32_t(g.code);
-        return s;
-    }
 };
 
 TEST_F(Layout, LineCountFromTheText)

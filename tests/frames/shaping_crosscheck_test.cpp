@@ -194,5 +194,30 @@ TEST_F(ShapingCrossCheck, DevanagariLine)
     EXPECT_EQ(laid_out("shaped_devanagari", 1920, 108, 0), expected_line(line, 66, 96));
 }
 
+TEST_F(ShapingCrossCheck, MixedTickerScrollingRight)
+{
+    // Paragraph level 1 (the first strong character is Arabic). The neutrals
+    // between the Arabic and the Latin take the paragraph's level; "22"
+    // follows Arabic letters, so it is an Arabic number (level 2), and the
+    // spaces around it count as right-to-left. Characters of no script take
+    // the script before them, so the " — " after "higher" is Latin. Logical runs:
+    //   1 "عاجل: الأسواق تغلق على ارتفاع — " (1, Arab)  2 "Markets close higher" (2, Latn)
+    //   3 " — " (1, Latn)  4 "الطقس: مشمس " (1, Arab)  5 "22" (2, Arab)  6 " درجة" (1, Arab)
+    // Visual order, left to right: 6 5 4 3 2 1.
+    const std::string r1 = "عاجل: الأسواق تغلق على ارتفاع — ", r2 = "Markets close higher", r3 = " — ",
+                      r4 = "الطقس: مشمس ", r5 = "22", r6 = " درجة";
+    const std::vector<hb_run> line = {
+        {DEJAVU_SANS, "rtl", "Arab", r1 + r2 + r3 + r4 + r5, r6, ""},
+        {DEJAVU_SANS, "ltr", "Arab", r1 + r2 + r3 + r4, r5, r6},
+        {DEJAVU_SANS, "rtl", "Arab", r1 + r2 + r3, r4, r5 + r6},
+        {DEJAVU_SANS, "rtl", "Latn", r1 + r2, r3, r4 + r5 + r6},
+        {DEJAVU_SANS, "ltr", "Latn", r1, r2, r3 + r4 + r5 + r6},
+        {DEJAVU_SANS, "rtl", "Arab", "", r1, r2 + r3 + r4 + r5 + r6},
+    };
+    // 1920 x 108, font scale 0.62: pixel size 66. Scrolling either way, the
+    // line lies on the strip one gap in: round(1920 x 0.5) = 960.
+    EXPECT_EQ(laid_out("shaped_mixed_right", 1920, 108, 0), expected_line(line, 66, 960));
+}
+
 } // namespace
 } // namespace t4test

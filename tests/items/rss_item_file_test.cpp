@@ -156,6 +156,28 @@ TEST_F(RssItemFile, SettingsFollowTheScrollTextRules)
     EXPECT_EQ(s.emoji, 0);
 }
 
+TEST_F(RssItemFile, OutlineAndDirectionSettings)
+{
+    write_item("#Tevrin4RSS\n"
+               "url=http://127.0.0.1/feed\n"
+               "#-outlineColor=102030\n"
+               "#-outlineOpacity=0.5\n"
+               "#-outlineWidth=5\n"
+               "#-scrollDirection=right\n");
+    load_rss_feed();
+    EXPECT_EQ(scroll_settings.outlineColor, (colour_rgba{0x10, 0x20, 0x30, 127}));
+    EXPECT_DOUBLE_EQ(scroll_settings.outlineWidth, 0.05);
+    EXPECT_EQ(scroll_settings.scrollDirection, scroll_direction_right);
+    write_item("#Tevrin4RSS\nurl=http://127.0.0.1/feed\n#-scrollDirection=upward\n");
+    testing::internal::CaptureStderr();
+    load_rss_feed();
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("WARNING: unknown scrollDirection upward\n"),
+              std::string::npos);
+    EXPECT_EQ(scroll_settings.scrollDirection, scroll_direction_left);
+    EXPECT_EQ(scroll_settings.outlineWidth, 0.0);
+    EXPECT_EQ(scroll_settings.outlineColor, (colour_rgba{0, 0, 0, 255}));
+}
+
 TEST_F(RssItemFile, JustifySurvivesALoadThatDoesNotMentionIt)
 {
     write_item("#Tevrin4RSS\n#-justify=right\n");

@@ -153,6 +153,64 @@ TEST_F(ScrollTextLoader, EverySettingKey)
     EXPECT_EQ(s.text, "Text");
 }
 
+TEST_F(ScrollTextLoader, OutlineAndDirectionDefaults)
+{
+    const auto& s = load("Hi\n");
+    EXPECT_EQ(s.outlineColor, (colour_rgba{0, 0, 0, 255})); // opaque black
+    EXPECT_EQ(s.outlineWidth, 0.0);                         // no outline
+    EXPECT_EQ(s.scrollDirection, scroll_direction_left);
+}
+
+TEST_F(ScrollTextLoader, OutlineAndDirectionKeys)
+{
+    // Width in percent of the line height, like the shadow's; the opacity
+    // folds into the colour's A at the end of the load, like the others.
+    const auto& s = load("#-outlineOpacity=0.5\n#-outlineColor=#204060\n#-outlineWidth=4.5\n"
+                         "#-scrollDirection=right\nText\n");
+    EXPECT_EQ(s.outlineColor, (colour_rgba{0x20, 0x40, 0x60, 127}));
+    EXPECT_DOUBLE_EQ(s.outlineWidth, 0.045);
+    EXPECT_EQ(s.scrollDirection, scroll_direction_right);
+    EXPECT_EQ(s.text, "Text");
+    // The next load starts from the defaults again.
+    const auto& t = load("#-scrollDirection=left\n");
+    EXPECT_EQ(t.scrollDirection, scroll_direction_left);
+    EXPECT_EQ(t.outlineWidth, 0.0);
+    EXPECT_EQ(t.outlineColor, (colour_rgba{0, 0, 0, 255}));
+}
+
+TEST_F(ScrollTextLoader, UnknownOutlineAndDirectionValuesFallBackToTheDefaults)
+{
+    // Another word (or another case) gives the default, with a warning.
+    struct bad_value {
+        const char* line;
+        const char* warning;
+    };
+    for (const bad_value& b : {bad_value{"#-scrollDirection=RIGHT\n", "WARNING: unknown scrollDirection RIGHT\n"},
+                               bad_value{"#-scrollDirection=up\n", "WARNING: unknown scrollDirection up\n"},
+                               bad_value{"#-scrollDirection= right\n", "WARNING: unknown scrollDirection  right\n"},
+                               bad_value{"#-outlineWidth=-3\n", "WARNING: unknown outlineWidth -3\n"},
+                               bad_value{"#-outlineWidth=thick\n", "WARNING: unknown outlineWidth thick\n"},
+                               bad_value{"#-outlineWidth=nan\n", "WARNING: unknown outlineWidth nan\n"},
+                               bad_value{"#-outlineWidth=inf\n", "WARNING: unknown outlineWidth inf\n"}}) {
+        SCOPED_TRACE(b.line);
+        testing::internal::CaptureStderr();
+        const auto& s = load(std::string("#-scrollDirection=right\n#-outlineWidth=2\n") + b.line);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), b.warning);
+        if (std::string(b.line).find("Direction") != std::string::npos)
+            EXPECT_EQ(s.scrollDirection, scroll_direction_left);
+        else
+            EXPECT_EQ(s.outlineWidth, 0.0);
+    }
+    // Known values say nothing.
+    testing::internal::CaptureStderr();
+    load("#-scrollDirection=left\n#-outlineWidth=0\n#-outlineWidth=2.5\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    // A colour name reads as black, as for the other colours; opacities wrap
+    // in their low eight bits like the others: 1.5 x 255 = 382 -> 126.
+    EXPECT_EQ(load("#-outlineColor=red\n").outlineColor, (colour_rgba{0, 0, 0, 255}));
+    EXPECT_EQ(load("#-outlineOpacity=1.5\n").outlineColor.a, 126);
+}
+
 TEST_F(ScrollTextLoader, ValuesAreNotTrimmedAndEmojiWordsOtherwiseChangeNothing)
 {
     const auto& s = load("#-fontFamily= Liberation Sans \n#-emoji=sepia\n");

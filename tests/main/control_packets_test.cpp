@@ -114,6 +114,30 @@ TEST_F(ControlPackets, EveryName)
     EXPECT_EQ(s.justify, 0);
 }
 
+TEST_F(ControlPackets, OutlineAndDirectionNames)
+{
+    send_text({{"outlineColor", "#204060"}, {"outlineOpacity", "0.5"}, {"outlineWidth", "3"},
+               {"scrollDirection", "right"}});
+    const auto& s = scroll_settings;
+    EXPECT_EQ(s.outlineColor, (colour_rgba{0x20, 0x40, 0x60, 127}));
+    EXPECT_DOUBLE_EQ(s.outlineWidth, 0.03);
+    EXPECT_EQ(s.scrollDirection, scroll_direction_right);
+    EXPECT_TRUE(a->text_dirty);
+    EXPECT_TRUE(b->text_dirty);
+    // A colour after its opacity makes it opaque again, as for the others;
+    // unknown words and bad widths give the defaults and still count as changes.
+    a->text_dirty = false;
+    testing::internal::CaptureStderr();
+    send_text({{"outlineOpacity", "0.5"}, {"outlineColor", "ff0000"}, {"scrollDirection", "sideways"},
+               {"outlineWidth", "-1"}});
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "WARNING: unknown scrollDirection sideways\nWARNING: unknown outlineWidth -1\n");
+    EXPECT_EQ(s.outlineColor, (colour_rgba{255, 0, 0, 255}));
+    EXPECT_EQ(s.scrollDirection, scroll_direction_left);
+    EXPECT_EQ(s.outlineWidth, 0.0);
+    EXPECT_TRUE(a->text_dirty);
+}
+
 TEST_F(ControlPackets, StaticFollowsTheSpeedEvenWithoutEntries)
 {
     scroll_settings.scrollSpeed = 0.0;

@@ -46,7 +46,6 @@ for target in "${targets[@]}"; do
     failed+=("$target")
   fi
 done
-echo "ci: fuzz smoke: $(($(date +%s) - start)) s"
 if [ ${#failed[@]} -gt 0 ]; then
   echo "fuzz: failed: ${failed[*]}" >&2
   exit 1

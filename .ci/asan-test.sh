@@ -4,7 +4,7 @@
 # the tree .ci/fuzz-smoke.sh runs the fuzz targets from, which this builds
 # too). The first report stops the test that made it (halt_on_error,
 # -fno-sanitize-recover), so a finding fails CI. The benchmarks are not built.
-#   bash .ci/asan-test.sh [CTEST_ARGS...]     (e.g. -R Golden)
+#   bash .ci/asan-test.sh [CTEST_ARGS...]     (e.g. -R test_frames: its shards)
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 . "$here/.ci/sanitized-tree.sh"

@@ -318,10 +318,12 @@ def density_trial(rig, scene, count, seconds, rate, extra, preroll):
     period_us = den * 1_000_000 // num
     # Start in step once every client has connected and taken its warm-up frame.
     start_at = int(time.clock_gettime(time.CLOCK_MONOTONIC) * 1e6) + 3_000_000 + (200_000 + 50_000 * preroll) * count
+    log_dir = os.environ.get("LOG_DIR")
+    logs = lambda i: ["--log", os.path.join(log_dir, f"items{count}-client{i}.log")] if log_dir else []
     clients = [subprocess.Popen(rig.client_cmd(sock, scene, "--paced", "--rate", rate, "--seconds", str(seconds),
                                                "--touch", "pages", "--preroll", str(preroll),
                                                "--start-at-us", str(start_at),
-                                               "--phase-us", str(i * period_us // count)),
+                                               "--phase-us", str(i * period_us // count), *logs(i)),
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
                for i, (_, sock, _) in enumerate(servers)]
     cpu0 = sum(proc_stat(p.pid)[0] for p, _, _ in servers)

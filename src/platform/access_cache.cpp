@@ -93,7 +93,12 @@ void t4mi_global_access_cache_cleanup_idle(t4mi_global_access_cache* cache)
     const uint64_t now = monotonic_clock_us();
     for (auto it = cache->entries.begin(); it != cache->entries.end();) {
         const bool gone = tnb_buffer_size(it->first) != it->second.size;
-        const bool idle = now > it->second.last_fetch + T4MI_ACCESS_CACHE_IDLE_US;
+        // A buffer that still holds frames or warm slots stays mapped however
+        // long since its last fetch: unmapping it frees nothing (the pages
+        // belong to the buffer), and every page would fault in again on the
+        // next frame, tens of milliseconds a 1080-line frame on a VM.
+        const bool idle = now > it->second.last_fetch + T4MI_ACCESS_CACHE_IDLE_US &&
+                          !tnb_buffer_holds_pages(it->first);
         if (gone || idle) {
             unmap(it->second);
             it = cache->entries.erase(it);

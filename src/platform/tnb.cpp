@@ -172,3 +172,9 @@ uint64_t tnb_buffer_size(int buffer)
     const tnb_domain& d = tnb_state();
     return d.buffer.fd >= 0 && d.buffer.id == buffer ? d.buffer.size : 0;
 }
+
+bool tnb_buffer_holds_pages(int buffer)
+{
+    const tnb_domain& d = tnb_state();
+    return d.buffer.fd >= 0 && d.buffer.id == buffer && (!d.buffer.allocations.empty() || d.buffer.warm_bytes > 0);
+}

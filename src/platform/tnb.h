@@ -188,8 +188,9 @@ void* t4mi_global_access_cache_quickfetch(t4mi_global_access_cache* cache, int b
 bool t4mi_global_access_cache_prefault(t4mi_global_access_cache* cache, int buffer, uint64_t offset,
                                        uint64_t size);
 
-// Unmaps the entries of buffers no longer live and those not fetched for
-// T4MI_ACCESS_CACHE_IDLE_US. Null is ignored.
+// Unmaps the entries of buffers no longer live, and those not fetched for
+// T4MI_ACCESS_CACHE_IDLE_US whose buffer holds no live allocation and no
+// warm slot. Null is ignored.
 inline constexpr uint64_t T4MI_ACCESS_CACHE_IDLE_US = 10000000;
 void t4mi_global_access_cache_cleanup_idle(t4mi_global_access_cache* cache);
 // Mapped entries of a cache (for tests and diagnostics).

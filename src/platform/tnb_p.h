@@ -54,5 +54,9 @@ struct tnb_domain {
 // The process's one domain.
 tnb_domain& tnb_state();
 
+// True while `buffer` is held and has a live allocation or a warm slot:
+// pages that this process has mapped and will touch again.
+bool tnb_buffer_holds_pages(int buffer);
+
 // Called by the domain when a buffer goes away: every cache unmaps it.
 void tnb_access_caches_forget_buffer(int buffer);

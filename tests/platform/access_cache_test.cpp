@@ -62,6 +62,39 @@ TEST(AccessCache, DropUnmapsAndIdleEntriesAreCleanedUp)
     t4mi_global_access_cache_cleanup_idle(nullptr);
 }
 
+TEST(AccessCache, ABufferThatHoldsFramesOrWarmSlotsStaysMappedHoweverIdle)
+{
+    t4test::shared_buffer_session session(16 * page);
+    const int id = image_tnb_buffer;
+    auto idle_cleanup = [] {
+        t4mi_clock_set_monotonic_offset_us(int64_t(T4MI_ACCESS_CACHE_IDLE_US) + 1000000);
+        t4mi_global_access_cache_cleanup_idle(t4mi_acc_cache);
+        t4mi_clock_set_monotonic_offset_us(0);
+    };
+
+    // A live allocation: its pages would only fault in again.
+    {
+        t4test::frame_cache_budget budget(8 * page);
+        tnb_alloc_record r{};
+        ASSERT_TRUE(tnb_malloc(&r, 2 * page, "V%lld", 1ll));
+        ASSERT_NE(t4mi_global_access_cache_quickfetch(t4mi_acc_cache, id, r.offset, 2 * page, 4), nullptr);
+        idle_cleanup();
+        EXPECT_EQ(t4mi_global_access_cache_entry_count(t4mi_acc_cache), 1u) << "a live frame's buffer was unmapped";
+
+        // Freed with a budget, it stays as a warm slot: still mapped.
+        tnb_free(&r);
+        ASSERT_GT(tnb_warm_bytes(), 0u);
+        idle_cleanup();
+        EXPECT_EQ(t4mi_global_access_cache_entry_count(t4mi_acc_cache), 1u) << "a warm slot's buffer was unmapped";
+
+        // Nothing left in it: the idle entry goes.
+        tnb_warm_trim(0);
+        ASSERT_EQ(tnb_warm_bytes(), 0u);
+        idle_cleanup();
+        EXPECT_EQ(t4mi_global_access_cache_entry_count(t4mi_acc_cache), 0u);
+    }
+}
+
 // Sends `fd` with SCM_RIGHTS, as the control socket hands buffers to clients.
 bool send_fd(int sock, int fd)
 {

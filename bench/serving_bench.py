@@ -201,6 +201,26 @@ class ShmemSampler:
         return max(self.peak, status_kib(self.pid, "RssShmem"))
 
 
+def kdamond_seconds():
+    """CPU seconds of the kernel's DAMON threads (kdamond.N), or None when
+    there are none. Some virtual machines run DAMON over all of physical
+    memory; every sampling pass clears page-table accessed bits, which under
+    shadow paging stalls every process that maps the pages for a moment.
+    The benchmarks print its share of a run so that such stalls are seen for
+    what they are."""
+    total, found = 0.0, False
+    for pid in os.listdir("/proc"):
+        if not pid.isdigit():
+            continue
+        try:
+            if open(f"/proc/{pid}/comm").read().startswith("kdamond"):
+                total += proc_stat(pid)[0]
+                found = True
+        except OSError:
+            pass
+    return total if found else None
+
+
 def spread(values, fmt):
     """min / median / max of a list, formatted."""
     return f"{fmt.format(statistics.median(values))} (min {fmt.format(min(values))}, max {fmt.format(max(values))})"
@@ -275,10 +295,12 @@ def cmd_playout(rig, args):
     for _ in range(runs):
         p, socket, _ = rig.start(scene, args.server_args)
         sampler = ShmemSampler(p.pid)
+        damon0, t0 = kdamond_seconds(), time.monotonic()
         cpu0, flt0 = proc_stat(p.pid)
         fig = rig.run_client(socket, scene, "--paced", "--rate", rate, "--seconds", str(seconds), "--touch", "all",
                              "--server-pid", str(p.pid))
         cpu1, flt1 = proc_stat(p.pid)
+        damon = None if damon0 is None else (kdamond_seconds() - damon0) / (time.monotonic() - t0) * 100
         shmem = sampler.finish()
         hwm = status_kib(p.pid, "VmHWM")
         stop(p)
@@ -289,7 +311,7 @@ def cmd_playout(rig, args):
                          paced_cpu_ms=ticks * 1000 / TICK / (n - 1), paced_faults=faults / (n - 1),
                          shmem=shmem / 1024, p50=p50 / 1000, p99=p99 / 1000, max=mx / 1000,
                          first=fig["first_us"][0] / 1000, late=fig["late"][0],
-                         client_faults=fig["client_minflt"][0] / fig["frames"][0]))
+                         client_faults=fig["client_minflt"][0] / fig["frames"][0], damon=damon))
         print(f"#   {rows[-1]}", file=sys.stderr, flush=True)
     col = lambda k: [r[k] for r in rows]
     print(f"paced {rate} frames/s, {seconds:g} s, {runs} runs: median (min, max)")
@@ -305,6 +327,8 @@ def cmd_playout(rig, args):
     print(f"  reply max                       {spread(col('max'), '{:.2f} ms')}")
     print(f"  replies later than a period     {spread(col('late'), '{:.0f}')}")
     print(f"  first frame (lays the text out) {spread(col('first'), '{:.1f} ms')}")
+    if all(r["damon"] is not None for r in rows):
+        print(f"  kdamond CPU share (the machine) {spread(col('damon'), '{:.1f} %')}")
 
 
 # --- serve_density --------------------------------------------------------------------------------
@@ -327,6 +351,7 @@ def density_trial(rig, scene, count, seconds, rate, extra, preroll):
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
                for i, (_, sock, _) in enumerate(servers)]
     cpu0 = sum(proc_stat(p.pid)[0] for p, _, _ in servers)
+    damon0 = kdamond_seconds()
     t0 = time.monotonic()
     results = []
     for c in clients:
@@ -336,9 +361,10 @@ def density_trial(rig, scene, count, seconds, rate, extra, preroll):
         results.append(parse_figures(out))
     wall = time.monotonic() - t0
     cpu1 = sum(proc_stat(p.pid)[0] for p, _, _ in servers)
+    damon = None if damon0 is None else (kdamond_seconds() - damon0) / wall
     for p, _, _ in servers:
         stop(p)
-    return results, (cpu1 - cpu0) / wall
+    return results, (cpu1 - cpu0) / wall, damon
 
 
 def cmd_density(rig, args):
@@ -351,16 +377,18 @@ def cmd_density(rig, args):
     print(f"# {SCENES[scene]['title']}, clients paced at {rate} frames/s for {seconds:g} s after a preroll of "
           f"{preroll} frames; all servers on core {rig.cpu}, all clients on core {rig.client_cpu}; pass: every "
           f"client's p99 reply < {limit_ms:g} ms; {load_note()}", flush=True)
-    print(f"{'items':>5} {'worst p99':>10} {'median p99':>11} {'worst max':>10} {'late':>6} {'servers CPU':>12}")
+    damon = "" if kdamond_seconds() is None else f" {'kdamond CPU':>11}"
+    print(f"{'items':>5} {'worst p99':>10} {'median p99':>11} {'worst max':>10} {'late':>6} {'servers CPU':>12}{damon}")
 
     def trial(n):
-        res, share = density_trial(rig, scene, n, seconds, rate, args.server_args, preroll)
+        res, share, damon = density_trial(rig, scene, n, seconds, rate, args.server_args, preroll)
         p99s = [r["latency_us"][1] / 1000 for r in res]
         maxes = [r["latency_us"][2] / 1000 for r in res]
         late = sum(r["late"][0] for r in res)
         ok = max(p99s) < limit_ms
         print(f"{n:>5} {max(p99s):>8.2f}ms {statistics.median(p99s):>9.2f}ms {max(maxes):>8.2f}ms {late:>6.0f} "
-              f"{share * 100:>10.0f}%  {'pass' if ok else 'FAIL'}", flush=True)
+              f"{share * 100:>10.0f}% {'' if damon is None else f'{damon * 100:>10.1f}%'}  {'pass' if ok else 'FAIL'}",
+              flush=True)
         return ok
 
     best, n = 0, env_int("DENSITY_START", step)

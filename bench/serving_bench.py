@@ -364,7 +364,8 @@ def density_trial(rig, scene, count, seconds, rate, extra, preroll):
     damon = None if damon0 is None else (kdamond_seconds() - damon0) / wall
     for p, _, _ in servers:
         stop(p)
-    return results, (cpu1 - cpu0) / wall, damon
+    frames = sum(r["frames"][0] + preroll + 1 for r in results)  # with the warm-up and preroll frames
+    return results, (cpu1 - cpu0) / wall, damon, (cpu1 - cpu0) * 1000 / max(frames, 1)
 
 
 def cmd_density(rig, args):
@@ -378,16 +379,17 @@ def cmd_density(rig, args):
           f"{preroll} frames; all servers on core {rig.cpu}, all clients on core {rig.client_cpu}; pass: every "
           f"client's p99 reply < {limit_ms:g} ms; {load_note()}", flush=True)
     damon = "" if kdamond_seconds() is None else f" {'kdamond CPU':>11}"
-    print(f"{'items':>5} {'worst p99':>10} {'median p99':>11} {'worst max':>10} {'late':>6} {'servers CPU':>12}{damon}")
+    print(f"{'items':>5} {'worst p99':>10} {'median p99':>11} {'worst max':>10} {'late':>6} {'servers CPU':>12}"
+          f" {'CPU a frame':>11}{damon}")
 
     def trial(n):
-        res, share, damon = density_trial(rig, scene, n, seconds, rate, args.server_args, preroll)
+        res, share, damon, frame_ms = density_trial(rig, scene, n, seconds, rate, args.server_args, preroll)
         p99s = [r["latency_us"][1] / 1000 for r in res]
         maxes = [r["latency_us"][2] / 1000 for r in res]
         late = sum(r["late"][0] for r in res)
         ok = max(p99s) < limit_ms
         print(f"{n:>5} {max(p99s):>8.2f}ms {statistics.median(p99s):>9.2f}ms {max(maxes):>8.2f}ms {late:>6.0f} "
-              f"{share * 100:>10.0f}% {'' if damon is None else f'{damon * 100:>10.1f}%'}  {'pass' if ok else 'FAIL'}",
+              f"{share * 100:>10.0f}% {frame_ms:>8.2f} ms {'' if damon is None else f'{damon * 100:>10.1f}%'}  {'pass' if ok else 'FAIL'}",
               flush=True)
         return ok
 

@@ -16,6 +16,7 @@
 #include "platform/client_context.h"
 #include "platform/clock.h"
 #include "platform/frame_retention.h"
+#include "platform/render_ahead.h"
 #include "platform/serve.h"
 #include "platform/t4mi_globals.h"
 #include "platform/tnb.h"
@@ -23,7 +24,6 @@
 
 namespace {
 constexpr uint64_t WALL_CHECK_INTERVAL_US = 750000;
-constexpr uint64_t INPUT_WAIT_US = 5000;
 constexpr int IDLE_PASSES = 64;                  // so a busy client cannot starve the change tests
 constexpr uint64_t CGROUP_GRACE_US = 3000000;
 constexpr uint64_t IDLE_BUFFER_DROP_US = 5000000;
@@ -106,8 +106,14 @@ bool serve_loop_turn(serve_loop_state& s)
         s.wall_last = wall;
     }
     json_check_xmit(now);
-    const uint64_t wait_until = now + INPUT_WAIT_US;
-    // Idle time warms frame memory for the frames to come; input ends it.
+    // 5 ms unless --idle-wait says otherwise: the timed checks below run at
+    // most that late, and an idle process wakes that often.
+    const uint64_t wait_until = now + t4mi_input_wait_us;
+    // Idle time renders the clients' next frames (--render-ahead), then
+    // warms frame memory for the frames to come; input ends either.
+    while (DIE4 == 0 && monotonic_clock_us() < wait_until &&
+           comm_socket_v4_server_from_client_readable(t4mi_comm_server, 0) == 0 && t4mi_render_ahead_step()) {
+    }
     while (DIE4 == 0 && t4mi_frame_retention_prewarm_due() && monotonic_clock_us() < wait_until &&
            comm_socket_v4_server_from_client_readable(t4mi_comm_server, 0) == 0 &&
            t4mi_frame_retention_prewarm(PREWARM_PIECE_BYTES)) {

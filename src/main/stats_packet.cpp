@@ -15,6 +15,7 @@
 #include "platform/client_context.h"
 #include "platform/clock.h"
 #include "platform/packet.h"
+#include "platform/render_ahead.h"
 #include "platform/serve_stats.h"
 #include "platform/t4mi_assert.h"
 #include "platform/t4mi_globals.h"
@@ -103,6 +104,8 @@ std::string stats_json(uint64_t now_us)
          {{"buffer_bytes", image_tnb_buffer >= 1 ? tnb_buffer_size(image_tnb_buffer) : uint64_t(0)},
           {"frames", tnb_alloc_live_count()},
           {"bytes", tnb_alloc_live_bytes()}}},
+        {"render_ahead", {{"on", t4mi_render_ahead != 0}, {"rendered", t4mi_render_ahead_rendered()},
+                          {"used", t4mi_render_ahead_used()}}},
         {"messages", serve_stats_recent_messages()},
         {"settings", settings_json()},
         {"feed", nullptr},

@@ -15,7 +15,7 @@ namespace {
 std::vector<const char*> arguments;
 size_t next_index = 0;
 
-enum class kind { flag, text, seconds, mebibytes, version };
+enum class kind { flag, text, seconds, milliseconds, mebibytes, version };
 
 struct standard_switch {
     const char* name;
@@ -42,6 +42,8 @@ const standard_switch switches[] = {
     {"cgroup-active", kind::text, "DIR", "control group to join while serving frames", &t4mi_cgroup_active, 0},
     {"cgroup-idle", kind::text, "DIR", "control group to join while idle", &t4mi_cgroup_idle, 0},
     {"harden", kind::flag, nullptr, "drop fields over 511 bytes, refuse corrupt emoji images and rootless feeds (default: hang or abort)", &t4mi_harden, 1},
+    {"idle-wait", kind::milliseconds, "MS", "longest wait for input in one serve-loop turn, 1 to 1000 ms (default 5)", &t4mi_input_wait_us, 0},
+    {"render-ahead", kind::flag, nullptr, "render each client's next frame in idle time, for clients that ask in order", &t4mi_render_ahead, 1},
     {"frame-cache", kind::mebibytes, "MIB", "memory for frames no client holds, in MiB (0: no bound; default 32)", &t4mi_frame_cache_mib, 0},
     {"shared-buffer", kind::mebibytes, "MIB", "at most this much shared memory for frames, in MiB (default: half the free, up to 4000)", &t4mi_shared_buffer_mib, 0},
     // Listed by the program's own help line, not by t4mi_std_help.
@@ -66,6 +68,18 @@ bool set_value(const standard_switch& sw, const char* value)
         if (errno != 0 || *end != '\0' || !(seconds >= 0.0) || seconds > 1e9)
             return false;
         *static_cast<uint64_t*>(sw.target) = uint64_t(seconds * 1e6);
+        return true;
+    }
+    case kind::milliseconds: {
+        // Whole milliseconds, 1 to 1000.
+        if (value == nullptr || value[0] < '0' || value[0] > '9')
+            return false;
+        char* end = nullptr;
+        errno = 0;
+        const unsigned long long ms = std::strtoull(value, &end, 10);
+        if (errno != 0 || *end != '\0' || ms < 1 || ms > 1000)
+            return false;
+        *static_cast<uint64_t*>(sw.target) = uint64_t(ms) * 1000;
         return true;
     }
     case kind::mebibytes: {
@@ -167,9 +181,10 @@ void t4mi_reset_standard_switches()
     t4mi_cgroup_active.clear();
     t4mi_cgroup_idle.clear();
     t4mi_identify_only = t4mi_daemon = t4mi_stderr_to_log = t4mi_temp_clean_only = 0;
-    t4mi_force_update_metadata = t4mi_oneshot = t4mi_harden = 0;
+    t4mi_force_update_metadata = t4mi_oneshot = t4mi_harden = t4mi_render_ahead = 0;
     t4mi_metadata_may_update = 1;
     auto_shutdown_delay_initial = 0;
     t4mi_frame_cache_mib = -1;
+    t4mi_input_wait_us = t4mi_input_wait_default_us;
     t4mi_shared_buffer_mib = -1;
 }

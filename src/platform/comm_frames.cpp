@@ -8,6 +8,7 @@
 #include "platform/client_context.h"
 #include "platform/clock.h"
 #include "platform/comm_server_p.h"
+#include "platform/render_ahead.h"
 #include "platform/serve_stats.h"
 #include "platform/t4mi_globals.h"
 #include "platform/tnb.h"
@@ -82,6 +83,7 @@ void connection_run_frame_request(t4mi_connection* c)
         reply_error(c, cmd, id, "Too many frames held");
         return;
     }
+    t4mi_render_ahead_count_request(c, pp.frame);
     std::unique_ptr<t4mi_video_frame_reference> ref(
         t4mi_client_contexts.create_reference(ctx->id, pp.frame.frame_number, pp.frame.variant));
     if (!ref) {
@@ -115,4 +117,5 @@ void connection_run_frame_request(t4mi_connection* c)
     }
     ctx->add_reference(ref.release());
     reply_frame(c, pp, loc);
+    t4mi_render_ahead_note(c, pp.frame);
 }

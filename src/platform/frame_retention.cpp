@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "platform/client_context.h"
+#include "platform/render_ahead.h"
 #include "platform/t4mi_globals.h"
 #include "platform/tnb.h"
 #include "platform/video_frame.h"
@@ -108,7 +109,11 @@ void t4mi_frame_retention_make_room(uint64_t size)
         while (t4mi_frame_retention_prewarm(UINT64_MAX)) {
         }
     }
-    while (!tnb_warm_has(reserve) && unheld().bytes + tnb_warm_bytes() + reserve > budget)
+    // Rendering ahead, clients take their frames in order and never ask for
+    // one let go again: its slot serves the next frame better than fresh
+    // pages would.
+    while (!tnb_warm_has(reserve) &&
+           (unheld().bytes + tnb_warm_bytes() + reserve > budget || (t4mi_render_ahead != 0 && unheld().count > 0)))
         if (!evict_front())
             break;
     // A fresh range is coming: older warm slots of other sizes make room.

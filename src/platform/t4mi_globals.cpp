@@ -15,6 +15,8 @@ int t4mi_identify_only = 0;
 int t4mi_daemon = 0;
 int t4mi_oneshot = 0;
 int t4mi_harden = 0;
+int t4mi_render_ahead = 0;
+uint64_t t4mi_input_wait_us = t4mi_input_wait_default_us;
 std::string t4mi_cgroup_active;
 std::string t4mi_cgroup_idle;
 uint64_t auto_shutdown_delay_initial = 0;

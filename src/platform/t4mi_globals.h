@@ -29,6 +29,9 @@ extern int t4mi_identify_only;           // --identify
 extern int t4mi_daemon;                  // --daemon
 extern int t4mi_oneshot;                 // --oneshot
 extern int t4mi_harden;                  // --harden: survive the three kept hazards (docs/platform.md)
+extern uint64_t t4mi_input_wait_us;      // --idle-wait, in µs: a serve-loop turn's longest wait for input
+inline constexpr uint64_t t4mi_input_wait_default_us = 5000;
+extern int t4mi_render_ahead;            // --render-ahead: each client's next frame in idle time (platform/render_ahead.h)
 extern std::string t4mi_cgroup_active;   // --cgroup-active: cgroup directory while serving
 extern std::string t4mi_cgroup_idle;     // --cgroup-idle: cgroup directory while idle
 extern uint64_t auto_shutdown_delay_initial; // --auto-shutdown, in µs; 0: never

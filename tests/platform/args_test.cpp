@@ -92,6 +92,28 @@ TEST_F(Args, UnknownAndMisusedSwitches)
     EXPECT_EQ(parse({"plain", "-", "--"}), (std::vector<int>{99, 99, 99}));
 }
 
+TEST_F(Args, RenderAheadIsOffUntilAsked)
+{
+    EXPECT_EQ(t4mi_render_ahead, 0);
+    EXPECT_EQ(parse({"--render-ahead"}), (std::vector<int>{1}));
+    EXPECT_EQ(t4mi_render_ahead, 1);
+    t4mi_reset_standard_switches();
+    EXPECT_EQ(t4mi_render_ahead, 0);
+}
+
+TEST_F(Args, IdleWaitTakesWholeMillisecondsFromOneToAThousand)
+{
+    EXPECT_EQ(t4mi_input_wait_us, 5000u);
+    EXPECT_EQ(parse({"--idle-wait", "40"}), (std::vector<int>{1}));
+    EXPECT_EQ(t4mi_input_wait_us, 40000u);
+    EXPECT_EQ(parse({"--idle-wait=1000"}), (std::vector<int>{1}));
+    EXPECT_EQ(t4mi_input_wait_us, 1000000u);
+    for (const char* bad : {"0", "1001", "-5", "2.5", "x", ""})
+        EXPECT_EQ(parse({"--idle-wait", bad}), (std::vector<int>{-1})) << bad;
+    t4mi_reset_standard_switches();
+    EXPECT_EQ(t4mi_input_wait_us, 5000u);
+}
+
 TEST_F(Args, HelpListsEverySwitchWithoutTheOneShotLine)
 {
     testing::internal::CaptureStderr();
@@ -99,7 +121,7 @@ TEST_F(Args, HelpListsEverySwitchWithoutTheOneShotLine)
     const std::string help = testing::internal::GetCapturedStderr();
     for (const char* sw : {"--file", "--type", "--metadir", "--socket", "--identify", "--daemon", "--log",
                            "--temp-clean", "--force-metadata", "--auto-shutdown", "--cgroup-active", "--cgroup-idle",
-                           "--harden", "--frame-cache", "--shared-buffer", "--version"})
+                           "--harden", "--idle-wait", "--render-ahead", "--frame-cache", "--shared-buffer", "--version"})
         EXPECT_NE(help.find(sw), std::string::npos) << sw;
     EXPECT_EQ(help.find("--oneshot"), std::string::npos);
 }

@@ -20,7 +20,8 @@
 # PREROLL=0 measures from the first frame after the warm-up frame.
 #
 # Environment: SECONDS_PACED (15 per trial), DENSITY_START (4), DENSITY_STEP
-# (4), P99_LIMIT_MS (10), RATE (30000/1001), PREROLL (10), BENCH_CPU (0),
+# (4), DENSITY_ITEMS (unset; set, RUNS trials of that many items and no
+# search), P99_LIMIT_MS (10), RATE (30000/1001), PREROLL (10), BENCH_CPU (0),
 # CLIENT_CPU (1), LOG_DIR (unset; set, each client writes its per-frame log
 # there: items<N>-client<i>.log, as serve_client --log describes).
 set -euo pipefail

@@ -336,7 +336,9 @@ def cmd_playout(rig, args):
 def density_trial(rig, scene, count, seconds, rate, extra, preroll):
     """`count` fresh servers on one core, one paced client each, their phases
     spread evenly over a frame period (channels are not in step). Returns each
-    client's figures and the servers' CPU share of the core."""
+    client's figures, the servers' CPU share of their core, kdamond's share
+    and the servers' CPU a frame, all three over the paced frames only (from
+    the common start on; the cue before it is left out)."""
     servers = [rig.start(scene, extra) for _ in range(count)]
     num, den = (int(x) for x in rate.split("/"))
     period_us = den * 1_000_000 // num
@@ -350,6 +352,9 @@ def density_trial(rig, scene, count, seconds, rate, extra, preroll):
                                                "--phase-us", str(i * period_us // count), *logs(i)),
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
                for i, (_, sock, _) in enumerate(servers)]
+    wait = start_at / 1e6 - time.clock_gettime(time.CLOCK_MONOTONIC)
+    if wait > 0:
+        time.sleep(wait)
     cpu0 = sum(proc_stat(p.pid)[0] for p, _, _ in servers)
     damon0 = kdamond_seconds()
     t0 = time.monotonic()
@@ -364,7 +369,7 @@ def density_trial(rig, scene, count, seconds, rate, extra, preroll):
     damon = None if damon0 is None else (kdamond_seconds() - damon0) / wall
     for p, _, _ in servers:
         stop(p)
-    frames = sum(r["frames"][0] + preroll + 1 for r in results)  # with the warm-up and preroll frames
+    frames = sum(r["frames"][0] for r in results)
     return results, (cpu1 - cpu0) / wall, damon, (cpu1 - cpu0) * 1000 / max(frames, 1)
 
 
@@ -393,6 +398,11 @@ def cmd_density(rig, args):
               flush=True)
         return ok
 
+    fixed = env_int("DENSITY_ITEMS", 0)
+    if fixed > 0:  # that many items, RUNS times, no search
+        passed = sum(trial(fixed) for _ in range(env_int("RUNS", 1)))
+        print(f"density: {fixed} items passed {passed} of {env_int('RUNS', 1)} trials")
+        return
     best, n = 0, env_int("DENSITY_START", step)
     while trial(n):
         best, n = n, n + step

@@ -51,6 +51,20 @@ const standard_switch switches[] = {
     {"version", kind::version, nullptr, "print the version and exit", nullptr, 0},
 };
 
+// A decimal number of digits only (no sign, no space) from `low` to `high`.
+bool whole_number(const char* value, uint64_t low, uint64_t high, uint64_t* out)
+{
+    if (value == nullptr || value[0] < '0' || value[0] > '9')
+        return false;
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long n = std::strtoull(value, &end, 10);
+    if (errno != 0 || *end != '\0' || n < low || n > high)
+        return false;
+    *out = n;
+    return true;
+}
+
 bool set_value(const standard_switch& sw, const char* value)
 {
     switch (sw.type) {
@@ -71,25 +85,16 @@ bool set_value(const standard_switch& sw, const char* value)
         return true;
     }
     case kind::milliseconds: {
-        // Whole milliseconds, 1 to 1000.
-        if (value == nullptr || value[0] < '0' || value[0] > '9')
+        uint64_t ms = 0;
+        if (!whole_number(value, 1, 1000, &ms))
             return false;
-        char* end = nullptr;
-        errno = 0;
-        const unsigned long long ms = std::strtoull(value, &end, 10);
-        if (errno != 0 || *end != '\0' || ms < 1 || ms > 1000)
-            return false;
-        *static_cast<uint64_t*>(sw.target) = uint64_t(ms) * 1000;
+        *static_cast<uint64_t*>(sw.target) = ms * 1000;
         return true;
     }
     case kind::mebibytes: {
-        // Whole MiB, up to the 4 GiB a shared buffer can hold.
-        if (value == nullptr || value[0] < '0' || value[0] > '9')
-            return false;
-        char* end = nullptr;
-        errno = 0;
-        const unsigned long long mib = std::strtoull(value, &end, 10);
-        if (errno != 0 || *end != '\0' || mib > 4096)
+        // Up to the 4 GiB a shared buffer can hold.
+        uint64_t mib = 0;
+        if (!whole_number(value, 0, 4096, &mib))
             return false;
         *static_cast<int64_t*>(sw.target) = int64_t(mib);
         return true;

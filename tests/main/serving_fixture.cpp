@@ -1,6 +1,8 @@
 #include "items/item_types.h"
 #include "main/serving_fixture.h"
 
+#include <nlohmann/json.hpp>
+
 #include <chrono>
 #include <csignal>
 #include <ctime>
@@ -73,6 +75,16 @@ void serving_process_test::edit_item(const std::string& content)
     // watch would miss an edit in the same second as the load.
     const timespec times[2] = {{0, UTIME_OMIT}, {std::time(nullptr) + 100 + 10 * ++edits, 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, item_path.c_str(), times, 0), 0);
+}
+
+nlohmann::json serving_process_test::stats(t4mi_client& c)
+{
+    comm_socket_v4_packet request;
+    request.command = "v4::stats";
+    t4mi_client_reply reply;
+    EXPECT_TRUE(c.call(request, &reply)) << c.error();
+    EXPECT_TRUE(reply.ok());
+    return nlohmann::json::parse(std::string(reply.packet.data.data(), reply.packet.data_length()));
 }
 
 plane_copy serving_process_test::served(t4mi_client& c, uint64_t n)

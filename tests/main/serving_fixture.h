@@ -10,6 +10,8 @@
 // support/local_render.h.
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -56,6 +58,8 @@ protected:
     void edit_item(const std::string& content);
     // Frame `n` from the server through `c`, copied and released.
     plane_copy served(t4mi_client& c, uint64_t n);
+    // The "v4::stats" reply through `c`, parsed (expects it to be OK).
+    nlohmann::json stats(t4mi_client& c);
 
     // The item every test of the fixture starts with: a red half-transparent
     // ticker scrolling at one picture height a second.

@@ -22,14 +22,7 @@ using t4test::plane_copy;
 
 class ServingRenderAhead : public t4test::serving_process_test {
 protected:
-    nlohmann::json render_ahead(t4mi_client& c)
-    {
-        comm_socket_v4_packet request;
-        request.command = "v4::stats";
-        t4mi_client_reply reply;
-        EXPECT_TRUE(c.call(request, &reply)) << c.error();
-        return nlohmann::json::parse(std::string(reply.packet.data.data(), reply.packet.data_length()))["render_ahead"];
-    }
+    nlohmann::json render_ahead(t4mi_client& c) { return stats(c)["render_ahead"]; }
     // A pause as a paced client leaves between frames: idle time for the
     // server to render the next one in.
     static void frame_period() { std::this_thread::sleep_for(std::chrono::milliseconds(40)); }

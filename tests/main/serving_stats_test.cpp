@@ -10,18 +10,7 @@
 
 namespace {
 
-class ServingProcessStats : public t4test::serving_process_test {
-protected:
-    nlohmann::json stats(t4mi_client& c)
-    {
-        comm_socket_v4_packet request;
-        request.command = "v4::stats";
-        t4mi_client_reply reply;
-        EXPECT_TRUE(c.call(request, &reply)) << c.error();
-        EXPECT_TRUE(reply.ok());
-        return nlohmann::json::parse(std::string(reply.packet.data.data(), reply.packet.data_length()));
-    }
-};
+class ServingProcessStats : public t4test::serving_process_test {};
 
 TEST_F(ServingProcessStats, CountsServedFramesAndKeepsTheProcessMessages)
 {

@@ -14,6 +14,7 @@
 #include "frames/client_context.h"
 #include "frames/frame_buffer.h"
 #include "frames/frame_painter.h"
+#include "frames/painted_slots.h"
 #include "frames/layout.h"
 #include "frames/reader.h"
 #include "frames/yuva_pixel.h"
@@ -184,7 +185,15 @@ t4mi_video_frame* load_frame(my_AVIVideoRandomReader* reader, uint64_t n, uint32
     if (!ctx->glyph_placements.empty())
         draw_text(ctx, painter, n);
     const colour_rgba bg = scroll_settings.backgroundColor;
-    painter.paint(rgba_to_yuva(bg.r, bg.g, bg.b, bg.a));
+    const uint32_t background = rgba_to_yuva(bg.r, bg.g, bg.b, bg.a);
+    // A recycled slot still holds the frame painted there before: only
+    // where that one drew needs the background again.
+    std::vector<frame_painter::area> dirty;
+    if (take_painted_slot(frame->tnb_alloc.previous_serial, param, background, &dirty))
+        painter.paint_over(background, dirty);
+    else
+        painter.paint(background);
+    remember_painted_slot(frame->tnb_alloc.serial, param, background, painter.touched());
 
     if (t4mi_video_frame* stored = reader->frame_manager.find_frame(n, variant)) {
         delete frame;

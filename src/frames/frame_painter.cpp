@@ -1,6 +1,7 @@
 #include "frames/frame_painter.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "fonts/font_bmp.h"
 #include "frames/background_fill.h"
@@ -28,6 +29,63 @@ frame_painter::frame_params frame_painter::band(int64_t first_row, int64_t rows)
     return b;
 }
 
+void frame_painter::draw_band(const frame_params& b, int64_t top, int64_t rows) const
+{
+    for (const queued_blit& q : queue_) {
+        // Only blits that reach into the band; the rest would clip to nothing.
+        const int64_t y = q.y;
+        if (y >= top + rows || y + q.bmp->height <= top)
+            continue;
+        const int32_t band_y = int32_t(y - top);
+        if (q.h_scale == 256)
+            blit_plain(b, q.x, band_y, q.bmp, q.colour);
+        else
+            blit_scaled(b, q.x, band_y, q.bmp, q.colour, q.h_scale);
+    }
+}
+
+std::vector<frame_painter::area> frame_painter::touched() const
+{
+    std::vector<area> out;
+    out.reserve(queue_.size());
+    for (const queued_blit& q : queue_) {
+        const int64_t scaled = (int64_t(q.bmp->width) * int64_t(q.h_scale) >> 8) + 1;
+        const int64_t w = q.h_scale == 256 ? q.bmp->width : std::max<int64_t>(q.bmp->width, scaled);
+        const int64_t x0 = std::max<int64_t>(q.x, 0), x1 = std::min<int64_t>(int64_t(q.x) + w, frame_.width);
+        const int64_t y0 = std::max<int64_t>(q.y, 0), y1 = std::min<int64_t>(int64_t(q.y) + q.bmp->height, frame_.height);
+        if (x0 < x1 && y0 < y1)
+            out.push_back({int32_t(x0), int32_t(y0), int32_t(x1), int32_t(y1)});
+    }
+    return out;
+}
+
+void frame_painter::paint_over(uint32_t background, const std::vector<area>& dirty)
+{
+    const bool full_chroma = frame_.chroma_width == frame_.width && frame_.chroma_height == frame_.height &&
+                             (frame_.alpha == nullptr || frame_.alpha_height == frame_.height);
+    if (!full_chroma) {
+        paint(background);
+        return;
+    }
+    for (int64_t top = 0; top < frame_.height; top += BAND_ROWS) {
+        const int64_t rows = std::min(BAND_ROWS, frame_.height - top);
+        const frame_params b = band(top, rows);
+        // The band's share of the old rectangles, row by row in each plane.
+        for (const area& d : dirty) {
+            const int64_t r0 = std::max<int64_t>(d.y0, top) - top, r1 = std::min<int64_t>(d.y1, top + rows) - top;
+            const size_t n = size_t(d.x1 - d.x0);
+            for (int64_t r = r0; r < r1; r++) {
+                std::memset(b.y + uint64_t(r) * b.y_stride + uint64_t(d.x0), int(background & 0xFF), n);
+                std::memset(b.u + uint64_t(r) * b.chroma_stride + uint64_t(d.x0), int((background >> 8) & 0xFF), n);
+                std::memset(b.v + uint64_t(r) * b.chroma_stride + uint64_t(d.x0), int((background >> 16) & 0xFF), n);
+                if (b.alpha != nullptr)
+                    std::memset(b.alpha + uint64_t(r) * b.alpha_stride + uint64_t(d.x0), int(background >> 24), n);
+            }
+        }
+        draw_band(b, top, rows);
+    }
+}
+
 void frame_painter::paint(uint32_t background)
 {
     // Bands need the chroma planes to have the picture's rows; otherwise, and
@@ -38,16 +96,6 @@ void frame_painter::paint(uint32_t background)
         const int64_t rows = std::min(band_rows, frame_.height - top);
         const frame_params b = band_rows < frame_.height ? band(top, rows) : frame_;
         fill_background(b, background);
-        for (const queued_blit& q : queue_) {
-            // Only blits that reach into the band; the rest would clip to nothing.
-            const int64_t y = q.y;
-            if (y >= top + rows || y + q.bmp->height <= top)
-                continue;
-            const int32_t band_y = int32_t(y - top);
-            if (q.h_scale == 256)
-                blit_plain(b, q.x, band_y, q.bmp, q.colour);
-            else
-                blit_scaled(b, q.x, band_y, q.bmp, q.colour, q.h_scale);
-        }
+        draw_band(b, top, rows);
     }
 }

@@ -40,6 +40,21 @@ public:
     // bytes included) and runs the queued blits over it.
     void paint(uint32_t background);
 
+    // A rectangle of the picture, [x0, x1) x [y0, y1), in pixels.
+    struct area {
+        int32_t x0, y0, x1, y1;
+    };
+    // What the queued blits may write: their rectangles clipped to the
+    // picture (a squeezed bitmap's at its wider width, drawn or not).
+    std::vector<area> touched() const;
+    // The same bytes as paint(), on planes that already hold `background`
+    // everywhere but in `dirty`: a frame painted before on these very bytes
+    // with the same geometry and background, whose touched() that was. Only
+    // those rectangles are filled again, which spares most of the fill's
+    // memory traffic when little of the picture is text. Pictures with
+    // subsampled chroma are filled whole.
+    void paint_over(uint32_t background, const std::vector<area>& dirty);
+
 private:
     struct queued_blit {
         const font_bmp_cache_storage* bmp;
@@ -49,6 +64,8 @@ private:
     };
     // The picture's rows [first_row, first_row + rows) as a picture of its own.
     frame_params band(int64_t first_row, int64_t rows) const;
+
+    void draw_band(const frame_params& b, int64_t top, int64_t rows) const;
 
     frame_params frame_;
     std::vector<queued_blit> queue_;

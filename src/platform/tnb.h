@@ -77,6 +77,8 @@ struct tnb_alloc_record {
     uint64_t serial = 0;  // which allocation: a stale record never frees a newer one
     bool fresh = false;   // with a budget: the range was not committed, so its pages are
                           // still to be faulted in (worth doing in bulk: tnb_prefault)
+    uint64_t previous_serial = 0;  // a warm slot taken whole: the allocation freed into it, whose
+                                   // bytes it still holds; 0: none known
 };
 
 // Allocation granularity: allocations start on and reserve whole pages.

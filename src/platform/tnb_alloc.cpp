@@ -60,10 +60,10 @@ void give_back(tnb_buffer& b, uint64_t offset, uint64_t bytes)
 
 bool warm_mode() { return picture_cache_budget != 0; }
 
-uint64_t warm_push(tnb_buffer& b, uint64_t offset, uint64_t bytes, bool committed = true)
+uint64_t warm_push(tnb_buffer& b, uint64_t offset, uint64_t bytes, bool committed = true, uint64_t last_serial = 0)
 {
     const uint64_t order = ++b.warm_order;
-    b.warm_by_age.emplace(order, tnb_warm_slot{offset, bytes, committed});
+    b.warm_by_age.emplace(order, tnb_warm_slot{offset, bytes, committed, last_serial});
     b.warm_by_size[bytes].emplace(order, offset);
     b.warm_bytes += bytes;
     return order;
@@ -115,9 +115,10 @@ bool take_first_fit(tnb_buffer& b, uint64_t reserve, uint64_t* offset)
 // Where an allocation of `reserve` bytes goes: the most recently freed warm
 // slot of that size, else first fit, else first fit after every warm slot
 // was punched out and merged back. `warm` tells which.
-bool place(tnb_buffer& b, uint64_t reserve, uint64_t* offset, bool* warm)
+bool place(tnb_buffer& b, uint64_t reserve, uint64_t* offset, bool* warm, uint64_t* previous_serial)
 {
     *warm = false;
+    *previous_serial = 0;
     if (const auto same = b.warm_by_size.find(reserve); same != b.warm_by_size.end()) {
         // The most recent committed one; a slot still being made ahead only
         // when there is no other.
@@ -132,6 +133,7 @@ bool place(tnb_buffer& b, uint64_t reserve, uint64_t* offset, bool* warm)
         // A slot made ahead whose faulting-in was cut short: the rest of its
         // pages are still to come, so it counts as fresh.
         *warm = slot.committed;
+        *previous_serial = slot.committed ? slot.last_serial : 0;
         return true;
     }
     if (take_first_fit(b, reserve, offset))
@@ -164,7 +166,8 @@ bool tnb_malloc(tnb_alloc_record* record, uint64_t size, const char* name_fmt, .
     const uint64_t reserve = tnb_reserved_size(size);
     uint64_t offset = 0;
     bool warm = false;
-    if (b.reserved_bytes + reserve > tnb_total || !place(b, reserve, &offset, &warm))
+    uint64_t previous_serial = 0;
+    if (b.reserved_bytes + reserve > tnb_total || !place(b, reserve, &offset, &warm, &previous_serial))
         return false;
 
     va_list args;
@@ -182,6 +185,7 @@ bool tnb_malloc(tnb_alloc_record* record, uint64_t size, const char* name_fmt, .
     // With a budget every committed free page is in a warm slot, so anything
     // else is fresh. Without one, first fit may land on either.
     record->fresh = warm_mode() && !warm;
+    record->previous_serial = previous_serial;
     return true;
 }
 
@@ -194,10 +198,11 @@ void tnb_free(tnb_alloc_record* record)
         const auto it = b.allocations.find(record->offset);
         if (it != b.allocations.end() && it->second.serial == record->serial) {
             const uint64_t reserve = it->second.reserved;
+            const uint64_t serial = it->second.serial;
             b.allocations.erase(it);
             b.reserved_bytes -= reserve;
             if (warm_mode()) {
-                warm_push(b, record->offset, reserve);
+                warm_push(b, record->offset, reserve, true, serial);
                 tnb_warm_trim(picture_cache_budget);
             } else {
                 give_back(b, record->offset, reserve);

@@ -23,6 +23,7 @@ struct tnb_warm_slot {
     uint64_t offset = 0;
     uint64_t bytes = 0;      // reserved: whole pages
     bool committed = true;   // false: made ahead (tnb_warm_reserve) and not yet all faulted in
+    uint64_t last_serial = 0; // the allocation freed into it (its bytes are as that one left them); 0: none
 };
 
 // The one buffer the allocator hands out from.

@@ -94,6 +94,61 @@ TEST(FramePainter, BandsGiveTheBytesOfFillingThenDrawingInOrder)
         }
 }
 
+// Queues a random set of bitmaps on `painter`, kept alive in `keep`.
+void queue_random(frame_painter& painter, const frame_params& p, std::vector<bitmap>& keep, std::mt19937& rng)
+{
+    for (int n = int(rng() % 30); n > 0; n--) {
+        keep.push_back(random_bitmap(rng));
+        const font_bmp_cache_storage* b = keep.back().get();
+        const int32_t x = int32_t(rng() % uint32_t(p.width + 2 * b->width)) - b->width;
+        const int32_t y = int32_t(rng() % uint32_t(p.height + 2 * b->height)) - b->height;
+        painter.draw(x, y, b, uint32_t(rng()), rng() % 3 == 0 ? 1 + rng() % 300 : 256);
+    }
+}
+
+TEST(FramePainter, PaintingOverTheFrameBeforeGivesTheBytesOfAWholeFill)
+{
+    std::mt19937 rng(2026);
+    const int64_t sizes[][2] = {{40, 1}, {64, 33}, {120, 108}, {200, 150}, {33, 257}};
+    for (const auto& size : sizes)
+        for (int round = 0; round < 12; round++) {
+            const uint32_t background = uint32_t(rng()) & (rng() % 2 ? 0xFFFFFFFFu : 0x00FFFFFFu);
+            picture slot(size[0], size[1], rng);
+            std::vector<bitmap> keep;
+            frame_painter before(slot.p);
+            queue_random(before, slot.p, keep, rng);
+            before.paint(background);
+            const auto dirty = before.touched();
+
+            // The next frame on the same bytes, and the same frame on noise.
+            picture fresh(size[0], size[1], rng);
+            frame_painter over(slot.p), whole(fresh.p);
+            std::mt19937 same = rng;
+            queue_random(over, slot.p, keep, rng);
+            queue_random(whole, fresh.p, keep, same);
+            over.paint_over(background, dirty);
+            whole.paint(background);
+            ASSERT_EQ(slot.bytes, fresh.bytes) << size[0] << "x" << size[1] << " round " << round;
+        }
+}
+
+TEST(FramePainter, TouchedHoldsEveryBlitClippedToThePicture)
+{
+    std::mt19937 rng(5);
+    picture p(100, 50, rng);
+    bitmap b(font_bmp_alloc());
+    b->width = 30;
+    b->height = 20;
+    frame_painter painter(p.p);
+    painter.draw(-10, 40, b.get(), 0, 256);   // sticks out left and below
+    painter.draw(90, -5, b.get(), 0, 300);    // squeezed wider: 30 x 300 / 256 = 35, sticks out right and above
+    painter.draw(200, 10, b.get(), 0, 256);   // wholly outside
+    const auto t = painter.touched();
+    ASSERT_EQ(t.size(), 2u);
+    EXPECT_EQ(std::vector<int32_t>({t[0].x0, t[0].y0, t[0].x1, t[0].y1}), std::vector<int32_t>({0, 40, 20, 50}));
+    EXPECT_EQ(std::vector<int32_t>({t[1].x0, t[1].y0, t[1].x1, t[1].y1}), std::vector<int32_t>({90, 0, 100, 15}));
+}
+
 TEST(FramePainter, NothingQueuedIsTheBackgroundAlone)
 {
     std::mt19937 rng(7);

@@ -49,8 +49,9 @@ public:
     std::vector<area> touched() const;
     // The same bytes as paint(), on planes that already hold `background`
     // everywhere but in `dirty`: a frame painted before on these very bytes
-    // with the same geometry and background, whose touched() that was. Only
-    // those rectangles are filled again, which spares most of the fill's
+    // with the same geometry and background, whose touched() that was. In
+    // each band only the columns those rectangles reach are filled again (a
+    // band mostly covered is filled whole), which spares most of the fill's
     // memory traffic when little of the picture is text. Pictures with
     // subsampled chroma are filled whole.
     void paint_over(uint32_t background, const std::vector<area>& dirty);

@@ -66,5 +66,3 @@ bool take_painted_slot(uint64_t serial, const frame_painter::frame_params& frame
     m.erase(it);
     return same;
 }
-
-void forget_painted_slots() { slots().clear(); }

@@ -24,6 +24,3 @@ void remember_painted_slot(uint64_t serial, const frame_painter::frame_params& f
 // Forgets the entry either way.
 bool take_painted_slot(uint64_t serial, const frame_painter::frame_params& frame, uint32_t background,
                        std::vector<frame_painter::area>* dirty);
-
-// Forgets everything (tests; a dropped buffer needs nothing: its serials never come back).
-void forget_painted_slots();

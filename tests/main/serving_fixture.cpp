@@ -7,6 +7,9 @@
 #include <csignal>
 #include <ctime>
 #include <fcntl.h>
+#include <fstream>
+#include <iterator>
+#include <sstream>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -85,6 +88,17 @@ nlohmann::json serving_process_test::stats(t4mi_client& c)
     EXPECT_TRUE(c.call(request, &reply)) << c.error();
     EXPECT_TRUE(reply.ok());
     return nlohmann::json::parse(std::string(reply.packet.data.data(), reply.packet.data_length()));
+}
+
+uint64_t serving_process_test::server_minor_faults() const
+{
+    std::ifstream in("/proc/" + std::to_string(proc->pid()) + "/stat");
+    std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::istringstream rest(stat.substr(stat.rfind(')') + 2));
+    std::string field;
+    for (int i = 3; i <= 10 && rest >> field; i++) {
+    }
+    return std::stoull(field);
 }
 
 plane_copy serving_process_test::served(t4mi_client& c, uint64_t n)

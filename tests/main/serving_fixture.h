@@ -60,6 +60,9 @@ protected:
     plane_copy served(t4mi_client& c, uint64_t n);
     // The "v4::stats" reply through `c`, parsed (expects it to be OK).
     nlohmann::json stats(t4mi_client& c);
+    // The server's minor page faults so far (/proc/<pid>/stat, field 10): a
+    // frame on fresh shared pages costs one a page.
+    uint64_t server_minor_faults() const;
 
     // The item every test of the fixture starts with: a red half-transparent
     // ticker scrolling at one picture height a second.

@@ -6,10 +6,8 @@
 #include <algorithm>
 #include <deque>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <set>
-#include <sstream>
 #include <string>
 
 #include "main/serving_fixture.h"
@@ -42,18 +40,6 @@ uint64_t status_bytes(pid_t pid, const std::string& key)
         if (line.rfind(key + ":", 0) == 0)
             return std::stoull(line.substr(key.size() + 1)) * 1024;
     return 0;
-}
-
-// Minor page faults of a process so far (/proc/<pid>/stat, field 10).
-uint64_t minor_faults(pid_t pid)
-{
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    std::istringstream rest(stat.substr(stat.rfind(')') + 2));
-    std::string field;
-    for (int i = 3; i <= 10 && rest >> field; i++) {
-    }
-    return std::stoull(field);
 }
 
 // One client asking for frames as fast as the server answers: `depth`
@@ -274,12 +260,12 @@ TEST_F(ServingFrameMemory, AClientsFirstFramesLandOnPagesWarmedAhead)
     // server a fault a page, 2,026 of them; glyphs drawn for the first time
     // cost a few (their bitmaps are new memory).
     auto play = [&](uint64_t from, uint64_t to) {
-        const uint64_t before = minor_faults(proc->pid());
+        const uint64_t before = server_minor_faults();
         for (uint64_t n = from; n <= to; n++) {
             EXPECT_TRUE(c->request_frame(n, 0, 0, &f)) << c->error();
             EXPECT_TRUE(n == 1 || c->release_frame(n - 1)) << c->error();
         }
-        return minor_faults(proc->pid()) - before;
+        return server_minor_faults() - before;
     };
     // The next three find the slots warmed ahead, all but at most one: while
     // the client holds two frames at once, the second held frame counts

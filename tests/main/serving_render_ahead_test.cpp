@@ -1,8 +1,8 @@
 // --render-ahead through the real process: a client that asks for frames in
 // order finds each next one rendered already, with the same bytes as the
 // in-process renderer; frames it holds are never touched; a client that
-// jumps gets what it asked for; without the switch nothing is rendered
-// ahead.
+// jumps gets what it asked for; frames rendered ahead land on warm slots;
+// without the switch nothing is rendered ahead.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -73,6 +73,32 @@ TEST_F(ServingRenderAhead, AClientThatJumpsGetsTheFrameItAskedFor)
     const auto ahead = render_ahead(*c);
     EXPECT_EQ(ahead["rendered"].get<int>(), 4);
     EXPECT_EQ(ahead["used"].get<int>(), 0);
+    stop();
+}
+
+TEST_F(ServingRenderAhead, FramesRenderedAheadReuseWarmSlotsNotFreshPages)
+{
+    // Frames rendered ahead wait unheld in the cache, so the budget is often
+    // full of them; a new one must then take the slot of one let go before,
+    // not fresh pages (2,026 faults a 1920 x 1080 frame).
+    start({"--render-ahead"});
+    auto c = client();
+    ASSERT_TRUE(c && c->send_settings(picture_settings(1920, 1080)));
+    t4mi_client_frame f;
+    auto play = [&](uint64_t from, uint64_t to) {
+        const uint64_t before = server_minor_faults();
+        for (uint64_t n = from; n <= to; n++) {
+            frame_period();
+            EXPECT_TRUE(c->request_frame(n, 0, 0, &f)) << c->error();
+            EXPECT_TRUE(n == 0 || c->release_frame(n - 1)) << c->error();
+        }
+        return server_minor_faults() - before;
+    };
+    play(0, 10);  // lays the text out, fills the budget
+    // About 80 here; one frame on fresh pages would be over 2,000.
+    EXPECT_LT(play(11, 30), 1000u) << "frames in steady state landed on fresh pages";
+    EXPECT_GE(render_ahead(*c)["used"].get<int>(), 20);
+    ASSERT_TRUE(c->release_frame(30));
     stop();
 }
 

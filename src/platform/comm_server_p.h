@@ -8,6 +8,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <sys/types.h>
@@ -60,15 +61,10 @@ struct t4mi_connection {
     bool status_subscribed = false;
     std::string status_last;            // the status text last pushed
     bool closed = false;                // dropped or hung up; freed when nothing runs
-    // --render-ahead (platform/render_ahead.h): the next frame to render
-    // ahead, and the one rendered ahead last.
-    bool ahead_due = false;
-    uint64_t ahead_frame = 0;
-    uint32_t ahead_variant = 0;
-    uint32_t ahead_flags = 0;
-    bool ahead_made = false;
-    uint64_t ahead_made_frame = 0;
-    uint32_t ahead_made_variant = 0;
+    // --render-ahead (platform/render_ahead.h): the frame due to be
+    // rendered ahead, and the one rendered ahead last, until a request came.
+    std::optional<t4mi_frame_request> ahead_due;
+    std::optional<t4mi_frame_request> ahead_made;
 };
 
 struct comm_socket_v4_server {

@@ -18,19 +18,20 @@ void t4mi_render_ahead_note(t4mi_connection* c, const t4mi_frame_request& reques
 {
     if (t4mi_render_ahead == 0 || request.frame_number >= uint64_t(INT64_MAX))
         return;
-    c->ahead_due = true;
-    c->ahead_frame = request.frame_number + 1;
-    c->ahead_variant = request.variant;
-    c->ahead_flags = request.flags;
+    t4mi_frame_request next;
+    next.frame_number = request.frame_number + 1;
+    next.variant = request.variant;
+    next.flags = request.flags;
+    c->ahead_due = next;
 }
 
 void t4mi_render_ahead_count_request(t4mi_connection* c, const t4mi_frame_request& request)
 {
     if (!c->ahead_made)
         return;
-    if (request.frame_number == c->ahead_made_frame && request.variant == c->ahead_made_variant)
+    if (request.frame_number == c->ahead_made->frame_number && request.variant == c->ahead_made->variant)
         used_count++;
-    c->ahead_made = false;
+    c->ahead_made.reset();
 }
 
 bool t4mi_render_ahead_step()
@@ -44,17 +45,14 @@ bool t4mi_render_ahead_step()
         t4mi_connection* c = owned.get();
         if (!c->ahead_due)
             continue;
-        c->ahead_due = false;
+        const t4mi_frame_request request = *c->ahead_due;
+        c->ahead_due.reset();
         // A request already waiting comes first; its reply notes the next one.
         if (c->closed || c->pending_frames > 0 || c->in_flight)
             continue;
         t4mi_client_context* ctx = client_context_tracking_get_id(t4mi_client_contexts, c->context_id, c);
         if (ctx == nullptr || ctx->closing)
             continue;
-        t4mi_frame_request request;
-        request.frame_number = c->ahead_frame;
-        request.variant = c->ahead_variant;
-        request.flags = c->ahead_flags;
         std::unique_ptr<t4mi_video_frame_reference> ref(
             t4mi_client_contexts.create_reference(ctx->id, request.frame_number, request.variant));
         if (!ref)
@@ -72,9 +70,7 @@ bool t4mi_render_ahead_step()
         ref->release_frame();
         if (rc == 0) {
             rendered_count++;
-            c->ahead_made = true;
-            c->ahead_made_frame = request.frame_number;
-            c->ahead_made_variant = request.variant;
+            c->ahead_made = request;
         }
         return true;
     }

@@ -35,3 +35,17 @@ void fill_background(const my_AVIVideoRandomReader::common_codec_setup_yuv_param
     if (run.bytes != 0)
         std::memset(run.start, run.value, run.bytes);
 }
+
+void fill_background_columns(const my_AVIVideoRandomReader::common_codec_setup_yuv_params& f,
+                             const std::vector<std::pair<int32_t, int32_t>>& spans, uint32_t yuva)
+{
+    for (int64_t r = 0; r < f.height; r++)
+        for (const auto& [x0, x1] : spans) {
+            const size_t n = size_t(x1 - x0);
+            std::memset(f.y + uint64_t(r) * f.y_stride + uint64_t(x0), int(yuva & 0xFF), n);
+            std::memset(f.u + uint64_t(r) * f.chroma_stride + uint64_t(x0), int((yuva >> 8) & 0xFF), n);
+            std::memset(f.v + uint64_t(r) * f.chroma_stride + uint64_t(x0), int((yuva >> 16) & 0xFF), n);
+            if (f.alpha != nullptr)
+                std::memset(f.alpha + uint64_t(r) * f.alpha_stride + uint64_t(x0), int(yuva >> 24), n);
+        }
+}

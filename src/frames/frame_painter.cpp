@@ -1,7 +1,7 @@
 #include "frames/frame_painter.h"
 
 #include <algorithm>
-#include <cstring>
+#include <utility>
 
 #include "fonts/font_bmp.h"
 #include "frames/background_fill.h"
@@ -59,6 +59,28 @@ std::vector<frame_painter::area> frame_painter::touched() const
     return out;
 }
 
+namespace {
+// The columns that the rectangles of `dirty` reach within rows [top, bottom),
+// merged into sorted disjoint spans.
+void merged_columns(const std::vector<frame_painter::area>& dirty, int64_t top, int64_t bottom,
+                    std::vector<std::pair<int32_t, int32_t>>* spans)
+{
+    spans->clear();
+    for (const frame_painter::area& d : dirty)
+        if (d.y0 < bottom && d.y1 > top)
+            spans->emplace_back(d.x0, d.x1);
+    std::sort(spans->begin(), spans->end());
+    size_t merged = 0;
+    for (const auto& s : *spans) {
+        if (merged > 0 && s.first <= (*spans)[merged - 1].second)
+            (*spans)[merged - 1].second = std::max((*spans)[merged - 1].second, s.second);
+        else
+            (*spans)[merged++] = s;
+    }
+    spans->resize(merged);
+}
+} // namespace
+
 void frame_painter::paint_over(uint32_t background, const std::vector<area>& dirty)
 {
     const bool full_chroma = frame_.chroma_width == frame_.width && frame_.chroma_height == frame_.height &&
@@ -71,38 +93,17 @@ void frame_painter::paint_over(uint32_t background, const std::vector<area>& dir
     for (int64_t top = 0; top < frame_.height; top += BAND_ROWS) {
         const int64_t rows = std::min(BAND_ROWS, frame_.height - top);
         const frame_params b = band(top, rows);
-        // The columns any old rectangle reaches within the band, merged, over
-        // all the band's rows: more than the rectangles themselves, all of it
-        // due for the background anyway, and each byte written once.
-        spans.clear();
-        for (const area& d : dirty)
-            if (d.y0 < top + rows && d.y1 > top)
-                spans.emplace_back(d.x0, d.x1);
-        std::sort(spans.begin(), spans.end());
-        size_t merged = 0;
+        // The columns any old rectangle reaches within the band, over all the
+        // band's rows: more than the rectangles themselves, all of it due for
+        // the background anyway, and each byte written once.
+        merged_columns(dirty, top, top + rows, &spans);
         int64_t covered = 0;
-        for (const auto& s : spans) {
-            if (merged > 0 && s.first <= spans[merged - 1].second)
-                spans[merged - 1].second = std::max(spans[merged - 1].second, s.second);
-            else
-                spans[merged++] = s;
-        }
-        spans.resize(merged);
         for (const auto& s : spans)
             covered += s.second - s.first;
-        if (4 * covered >= 3 * frame_.width) {
+        if (4 * covered >= 3 * frame_.width)
             fill_background(b, background);  // most of the band: whole planes are quicker
-        } else {
-            for (int64_t r = 0; r < rows; r++)
-                for (const auto& [x0, x1] : spans) {
-                    const size_t n = size_t(x1 - x0);
-                    std::memset(b.y + uint64_t(r) * b.y_stride + uint64_t(x0), int(background & 0xFF), n);
-                    std::memset(b.u + uint64_t(r) * b.chroma_stride + uint64_t(x0), int((background >> 8) & 0xFF), n);
-                    std::memset(b.v + uint64_t(r) * b.chroma_stride + uint64_t(x0), int((background >> 16) & 0xFF), n);
-                    if (b.alpha != nullptr)
-                        std::memset(b.alpha + uint64_t(r) * b.alpha_stride + uint64_t(x0), int(background >> 24), n);
-                }
-        }
+        else
+            fill_background_columns(b, spans, background);
         draw_band(b, top, rows);
     }
 }
